@@ -1,0 +1,148 @@
+// The SQLite access layer: the exception of corruption and the connection.
+#pragma once
+
+#include <string>
+
+#include "base/export.h"
+#include "host/status.h"
+
+struct sqlite3;
+
+namespace sqlitedb {
+
+// Thrown for corruption, and for nothing else, by the operations that say so. A class of its own:
+// it derives from nothing, so handlers catch it by its own type.
+class POCATALOG_API db_exception {
+ public:
+  // SQLite's text for `code`, with a given status (stored as it is) or the mapped one.
+  db_exception(int code, cr_status_t status);
+  explicit db_exception(int code);
+  // A text of the caller's, which is copied, with the mapped status.
+  db_exception(int code, const char* text);
+
+  db_exception(const db_exception&) = default;
+  db_exception& operator=(const db_exception&) = default;
+  virtual ~db_exception();
+
+  // The message; it lives as long as the object.
+  virtual const char* what() const;
+  // The SQLite result code, extended codes included.
+  int errcode() const;
+  cr_status_t cr_status() const;
+
+  // The status of an SQLite result code: 0 for OK, ROW and DONE, CR_STATUS_BUSY,
+  // CR_STATUS_IO_ERROR, CR_STATUS_CORRUPT (a file moved away under its connection included),
+  // otherwise CR_STATUS_FAILED.
+  static cr_status_t dberr_to_crstatus(int code);
+
+ private:
+  int errcode_;
+  std::string message;
+  cr_status_t status;
+};
+
+// One connection to one database file. Failures come back as statuses; corruption alone is thrown,
+// by the operations that say so. A subclass supplies the schema and takes the rows.
+//
+// The object owns its connection and closes it. It holds no lock and is used by one thread at a
+// time; connections to one file meet through SQLite's locks, a busy timeout of 10 seconds and the
+// retries of the transaction operations.
+//
+// Operations that need a connection answer CR_STATUS_NOT_FOUND, after one log line, while there is
+// none, unless they say otherwise. Failing statements are logged once with their SQL, cut at 1024
+// bytes.
+class POCATALOG_API sqlite3_wrapper {
+ public:
+  // Keeps the path; opens nothing.
+  explicit sqlite3_wrapper(const std::string& file);
+  sqlite3_wrapper(const sqlite3_wrapper&) = delete;
+  sqlite3_wrapper& operator=(const sqlite3_wrapper&) = delete;
+  // Closes as close_db(3) does; an open transaction is rolled back by SQLite.
+  virtual ~sqlite3_wrapper();
+
+  // Called by init_db on the opened file, to lay out the schema. A status other than 0 makes
+  // init_db close and delete the file. The base does nothing.
+  virtual cr_status_t on_db_createtable();
+
+  // Called by exec for each row when `arg` was given. A result other than 0 aborts the statement.
+  // What it throws leaves exec, after SQLite's frames are gone. The base answers -1.
+  virtual int on_db_callback(void* arg, int ncols, char** values, char** names);
+
+  // Runs one or more statements. Rows go to on_db_callback when `arg` is not null and are dropped
+  // otherwise. Returns the mapped status; throws db_exception on corruption.
+  virtual cr_status_t exec(const std::string& sql, void* arg);
+
+  // Runs a whole file as one batch; `flag` is not used. A file that cannot be opened counts as
+  // empty; one that cannot be read gives CR_STATUS_FAILED. Otherwise as exec.
+  virtual cr_status_t exec_file(const std::string& file, bool flag);
+
+  // Creates the file (and its directory, mode 0700), or takes an empty one, and lays out the
+  // schema. 0 at once when there is a connection. CR_STATUS_EXISTS for a file with content. A
+  // failure closes and deletes the file; db_exception leaves the connection half open and the file
+  // in place, for the caller to decide.
+  cr_status_t init_db();
+
+  // Opens the file; 0 when it is open already, and what an interrupted init_db left is closed
+  // first. SQLite creates a missing file: callers that must not, use checkopen.
+  cr_status_t open_db();
+  // Closes what is open, changes the path, and opens.
+  cr_status_t open_db(const std::string& path);
+
+  // Opens on demand: 0 when there is a connection, CR_STATUS_NOT_FOUND for no file,
+  // CR_STATUS_BAD_DATA for an empty one or one that cannot be examined, otherwise as open_db.
+  cr_status_t checkopen();
+
+  // Closes, retrying `retries` times, a second apart, while statements keep the connection busy. A
+  // connection that stays busy is abandoned, not blocked on: that counts as success. Any other
+  // failure leaves the connection as it was.
+  cr_status_t close_db(unsigned long retries);
+
+  // Closes and deletes the file, even when closing failed. The status is the deletion's.
+  cr_status_t drop_db();
+
+  // Each is tried up to 60 times, a second apart, while the answer is CR_STATUS_BUSY. Corruption
+  // comes back as its status. The begin takes the write lock at once, so that two writers meet
+  // here.
+  cr_status_t begin_transaction();
+  cr_status_t commit_transaction();
+  cr_status_t rollback_transaction();
+
+  // Runs a pragma until a row equals `expected`; true when one did. The rows seen, that one
+  // included, are appended to `result` (may be null) without separators. False without a
+  // connection.
+  bool run_pragma(const std::string& pragma, const std::string& expected, std::string* result);
+
+  // SQLite's integrity check; when false, `result` tells the problems.
+  bool run_integrity_check(std::string& result);
+
+  // The number of rows of a table. CR_STATUS_FAILED for every failure, a missing connection
+  // included.
+  cr_status_t count_in_table(const std::string& table, unsigned long* count);
+
+  // True between a successful opening and the closing.
+  bool is_open() const { return opened; }
+  // True while a connection exists, half-open ones included.
+  bool has_handle() const { return db != nullptr; }
+  // True while SQLite itself has a transaction open: it ends one by its own decision on a full disk
+  // or an I/O error.
+  bool in_transaction() const;
+  // Rows changed by the last statement; 0, after a log line, without a connection.
+  int get_changes() const;
+
+ protected:
+  // Logs an SQLite failure and returns its mapped status; throws db_exception on corruption.
+  cr_status_t on_db_error(int code);
+
+  std::string dbfile;     // path of the database file
+  sqlite3* db = nullptr;  // owned
+  bool opened = false;    // set only when opening has fully succeeded
+
+ private:
+  // What exec hands through SQLite to exec_callback: an exception of a row hook travels in it.
+  struct exec_context;
+
+  static int exec_callback(void* context, int ncols, char** values, char** names);
+  static int count_callback(void* out, int ncols, char** values, char** names);
+};
+
+}  // namespace sqlitedb
