@@ -5,6 +5,6 @@
 // exception class is one and the same in the host and in the library.
 #define HOST_API __attribute__((visibility("default")))
 
-// A printf-like function: `format` and `first` are the positions of its format and its first
+// A printf-like function: `text` and `first` are the positions of its format and its first
 // argument.
-#define HOST_PRINTF(format, first) __attribute__((format(printf, format, first)))
+#define HOST_PRINTF(text, first) __attribute__((format(printf, text, first)))

@@ -15,7 +15,7 @@ namespace sqlitedb {
 class POCATALOG_API db_exception {
  public:
   // SQLite's text for `code`, with a given status (stored as it is) or the mapped one.
-  db_exception(int code, cr_status_t status);
+  db_exception(int code, cr_status_t given);
   explicit db_exception(int code);
   // A text of the caller's, which is copied, with the mapped status.
   db_exception(int code, const char* text);
@@ -69,7 +69,8 @@ class POCATALOG_API sqlite3_wrapper {
   virtual int on_db_callback(void* arg, int ncols, char** values, char** names);
 
   // Runs one or more statements. Rows go to on_db_callback when `arg` is not null and are dropped
-  // otherwise. Returns the mapped status; throws db_exception on corruption.
+  // otherwise. SQLite reads up to the first NUL. Returns the mapped status; throws db_exception on
+  // corruption.
   virtual cr_status_t exec(const std::string& sql, void* arg);
 
   // Runs a whole file as one batch; `flag` is not used. A file that cannot be opened counts as
@@ -115,8 +116,8 @@ class POCATALOG_API sqlite3_wrapper {
   // SQLite's integrity check; when false, `result` tells the problems.
   bool run_integrity_check(std::string& result);
 
-  // The number of rows of a table. CR_STATUS_FAILED for every failure, a missing connection
-  // included.
+  // The number of rows of a table. CR_STATUS_BAD_ARG when `count` is null, CR_STATUS_FAILED for
+  // every other failure, a missing connection and corruption included.
   cr_status_t count_in_table(const std::string& table, unsigned long* count);
 
   // True between a successful opening and the closing.
@@ -141,6 +142,7 @@ class POCATALOG_API sqlite3_wrapper {
   // What exec hands through SQLite to exec_callback: an exception of a row hook travels in it.
   struct exec_context;
 
+  cr_status_t run_transaction_statement(const char* operation, const char* sql);
   static int exec_callback(void* context, int ncols, char** values, char** names);
   static int count_callback(void* out, int ncols, char** values, char** names);
 };

@@ -33,7 +33,8 @@ class POCATALOG_API UDCIDRecord {
   UDCIDRecord& operator=(const UDCIDRecord&) = delete;
 
   // The distinct containers of `stat`, ascending, with sizes 0. Throws Cr_ErrnoException:
-  // CR_STATUS_BAD_ARG for an identifier below 64, CR_STATUS_NO_MEMORY.
+  // CR_STATUS_BAD_ARG for an identifier below 64, and for a null `stat` or one that counts
+  // identifiers but lacks them: an empty list would free containers in use. CR_STATUS_NO_MEMORY.
   explicit UDCIDRecord(_cr_stat_t* stat);
 
   ~UDCIDRecord();
@@ -44,8 +45,8 @@ class POCATALOG_API UDCIDRecord {
 
   // Replaces the content by what `size` bytes at `buf` (any alignment) say; bytes between the list
   // and the checksum are accepted. `reserved` stays. CR_STATUS_BAD_ARG for null, CR_STATUS_BAD_DATA
-  // for a wrong size or checksum, CR_STATUS_NO_MEMORY; the record then is as it was, but for
-  // version and count when memory was lacking.
+  // for a wrong size or checksum: the record is as it was. CR_STATUS_NO_MEMORY: it has the new
+  // version and count, and no list.
   cr_status_t Deserialize(unsigned char* buf, unsigned int size);
 
   // Writes the binary form as upper-case hexadecimal text, 32n + 25 bytes with its terminator.
@@ -63,4 +64,7 @@ class POCATALOG_API UDCIDRecord {
   std::uint16_t reserved = 0;
   std::uint16_t version = 2;
   bool owns_buffer = false;
+
+ private:
+  void release_buffer();
 };

@@ -1,0 +1,160 @@
+// Opening, closing and dropping.
+#include <sqlite3.h>
+#include <sys/stat.h>
+
+#include "host/files.h"
+#include "host/log.h"
+#include "sqlitedb/failure_internal.h"
+#include "sqlitedb/sqlite_wrapper.h"
+
+namespace sqlitedb {
+
+namespace {
+
+constexpr int kBusyTimeoutMs = 10000;
+constexpr unsigned long kCloseRetries = 3;
+constexpr unsigned int kDirectoryMode = 0700;
+
+bool exists(const std::string& file) { return wa_access(file.c_str(), 0) == CR_STATUS_OK; }
+
+bool has_content(const std::string& file) {
+  struct stat info {};
+  return wa_stat(file.c_str(), &info) == CR_STATUS_OK && info.st_size > 0;
+}
+
+cr_status_t create_directory_of(const std::string& file) {
+  const std::string::size_type slash = file.rfind('/');
+  if (slash == std::string::npos || slash == 0) return CR_STATUS_OK;
+  const std::string directory = file.substr(0, slash);
+  const cr_status_t created = wa_createtree(directory.c_str(), kDirectoryMode);
+  if (created == CR_STATUS_OK) return CR_STATUS_OK;
+  const cr_status_t mapped = _crMapError("init_db", "sqlite_wrapper", __LINE__);
+  const cr_status_t status = mapped != CR_STATUS_OK ? mapped : created;
+  ErrorA(status, "Could not create directory %s", directory.c_str());
+  return status;
+}
+
+// SQLite may make a handle even when it fails; the caller closes it.
+int connect(const std::string& file, sqlite3** db) {
+  InfoA(CR_STATUS_OK, "Open SQLite database %s", file.c_str());
+  const int rc = sqlite3_open(file.c_str(), db);
+  if (rc == SQLITE_OK) sqlite3_busy_timeout(*db, kBusyTimeoutMs);
+  return rc;
+}
+
+cr_status_t use_extended_codes(const std::string& file, sqlite3* db) {
+  const cr_status_t status = db_exception::dberr_to_crstatus(sqlite3_extended_result_codes(db, 1));
+  if (status != CR_STATUS_OK) {
+    ErrorA(status, "Failed to set extended result code for %s", file.c_str());
+  }
+  return status;
+}
+
+// A connection that is busy to the end counts as closed: it is abandoned, so that nobody blocks.
+cr_status_t close_handle(const std::string& file, sqlite3* db, unsigned long retries) {
+  for (unsigned long attempt = 1;; ++attempt) {
+    const int rc = sqlite3_close(db);
+    if (rc != SQLITE_BUSY) return db_exception::dberr_to_crstatus(rc);
+    if (TraceOn()) {
+      __Trace("Database %s is busy, sleep 1 second before retry", file.c_str());
+    }
+    ZelSleep(1);
+    if (attempt > retries) return CR_STATUS_OK;
+  }
+}
+
+}  // namespace
+
+sqlite3_wrapper::sqlite3_wrapper(const std::string& file) : dbfile(file) {}
+
+// Nobody is left to take a status; close_db has logged what there was to say.
+sqlite3_wrapper::~sqlite3_wrapper() { close_db(kCloseRetries); }
+
+cr_status_t sqlite3_wrapper::on_db_createtable() { return CR_STATUS_OK; }
+
+cr_status_t sqlite3_wrapper::init_db() {
+  if (db != nullptr) return CR_STATUS_OK;
+  if (exists(dbfile) && has_content(dbfile)) return CR_STATUS_EXISTS;
+  cr_status_t status = create_directory_of(dbfile);
+  if (status != CR_STATUS_OK) return status;
+
+  const int rc = connect(dbfile, &db);
+  status = rc == SQLITE_OK ? use_extended_codes(dbfile, db) : on_db_error(rc);
+  if (status == CR_STATUS_OK) status = on_db_createtable();
+  if (status == CR_STATUS_OK) {
+    opened = true;
+    return CR_STATUS_OK;
+  }
+  // The file goes, and the first failure is reported, however the closing ends.
+  close_db(kCloseRetries);
+  if (wa_deletefile(dbfile.c_str()) != CR_STATUS_OK) {
+    WarningA(status, "Could not delete bad db file %s", dbfile.c_str());
+  }
+  return status;
+}
+
+cr_status_t sqlite3_wrapper::open_db() {
+  if (opened) return CR_STATUS_OK;
+  if (db != nullptr) {
+    const cr_status_t closed = close_db(kCloseRetries);
+    if (closed != CR_STATUS_OK) return closed;
+  }
+
+  cr_status_t status = CR_STATUS_OK;
+  const int rc = connect(dbfile, &db);
+  if (rc == SQLITE_OK) {
+    status = use_extended_codes(dbfile, db);
+  } else {
+    status = db_exception::dberr_to_crstatus(rc);
+    ErrorA(status, "Failed to open database %s", dbfile.c_str());
+  }
+  if (status == CR_STATUS_OK) {
+    opened = true;
+  } else {
+    close_db(kCloseRetries);  // the failed opening is what the caller learns
+  }
+  return status;
+}
+
+cr_status_t sqlite3_wrapper::open_db(const std::string& path) {
+  if (db != nullptr && close_db(kCloseRetries) != CR_STATUS_OK) {
+    // Kept, the old connection would answer for the new path: rows would go into another database.
+    db = nullptr;
+    opened = false;
+  }
+  dbfile = path;
+  return open_db();
+}
+
+cr_status_t sqlite3_wrapper::checkopen() {
+  if (db != nullptr) return CR_STATUS_OK;
+  if (!exists(dbfile)) return CR_STATUS_NOT_FOUND;
+  if (!has_content(dbfile)) return CR_STATUS_BAD_DATA;
+  return open_db();
+}
+
+cr_status_t sqlite3_wrapper::close_db(unsigned long retries) {
+  InfoA(CR_STATUS_OK, "Close SQLite database %s", dbfile.c_str());
+  cr_status_t status = CR_STATUS_OK;
+  if (db != nullptr) {
+    status = catching_db_exception("close_db", [&] { return close_handle(dbfile, db, retries); });
+  }
+  if (status == CR_STATUS_OK) {
+    db = nullptr;
+    opened = false;
+  }
+  return status;
+}
+
+cr_status_t sqlite3_wrapper::drop_db() {
+  close_db(kCloseRetries);  // the file goes even if its connection stays
+  const cr_status_t status = wa_deletefile(dbfile.c_str());
+  if (status == CR_STATUS_OK) {
+    InfoA(CR_STATUS_OK, "Drop database %s.", dbfile.c_str());
+  } else {
+    ErrorA(status, "Failed to delete database file %s.", dbfile.c_str());
+  }
+  return status;
+}
+
+}  // namespace sqlitedb
