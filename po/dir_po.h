@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "po/po.h"
@@ -51,5 +52,5 @@ class POCATALOG_API DirPO : public PO {
 
  private:
   friend class PO;
-  DirPO(_po_t* taken, unsigned int dsid_of_store) : PO(taken, dsid_of_store) {}
+  DirPO(PORecord taken, unsigned int dsid_of_store) : PO(std::move(taken), dsid_of_store) {}
 };

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "host/worm.h"
@@ -64,5 +65,5 @@ class POCATALOG_API FilePO : public PO {
 
  private:
   friend class PO;
-  FilePO(_po_t* taken, unsigned int dsid_of_store) : PO(taken, dsid_of_store) {}
+  FilePO(PORecord taken, unsigned int dsid_of_store) : PO(std::move(taken), dsid_of_store) {}
 };

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "base/export.h"
@@ -12,6 +13,12 @@
 #include "uldb/udcid_record.h"
 
 class PODB;
+
+// Destroys what it owns through the host.
+struct PORecordDeleter {
+  void operator()(_po_t* record) const { PODestroy(record); }
+};
+using PORecord = std::unique_ptr<_po_t, PORecordDeleter>;
 
 // One entry of a catalog: a file (FilePO) or a directory (DirPO).
 //
@@ -112,20 +119,21 @@ class POCATALOG_API PO {
   void set_status(po_status_t status);
 
   // The host's record, which stays the object's. Never null.
-  _po_t* record() const { return po; }
+  _po_t* record() const { return po.get(); }
   unsigned int get_dsid() const { return dsid; }
 
-  // The container list, which stays the object's, or null; and its replacement.
+  // The container list, which stays the object's, or null; its replacement; and its giving away.
   UDCIDRecord* get_udcid_record() const { return udcid_record.get(); }
   void set_udcid_record(std::unique_ptr<UDCIDRecord> list) { udcid_record = std::move(list); }
+  std::unique_ptr<UDCIDRecord> release_udcid_record() { return std::move(udcid_record); }
 
  protected:
   // Over a fresh, empty record. Throws Cr_ErrnoException, CR_STATUS_NO_RECORD.
   explicit PO(unsigned int dsid_of_store);
   // Takes over `taken`, which must not be null.
-  PO(_po_t* taken, unsigned int dsid_of_store);
+  PO(PORecord taken, unsigned int dsid_of_store);
 
-  _po_t* po;  // owned
+  PORecord po;
   unsigned int dsid;
   std::unique_ptr<UDCIDRecord> udcid_record;
 

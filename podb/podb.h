@@ -149,6 +149,8 @@ class POCATALOG_API PODB {
   virtual cr_status_t do_rollback_transaction() = 0;
 
  private:
+  cr_status_t end_transaction(cr_status_t status);
+
   // Constant after construction.
   const std::string dir;
   const unsigned int dsid;

@@ -32,8 +32,9 @@
 // first use may come from two threads at once. Destroying it loses an open transaction.
 class POCATALOG_API SQLitePODB : public PODB {
  public:
-  SQLitePODB(const std::string& root, const std::string& dir);
-  SQLitePODB(const boost::filesystem::path& root, const boost::filesystem::path& dir);
+  // As PODB's.
+  SQLitePODB(const std::string& catalog_root, const std::string& directory);
+  SQLitePODB(const boost::filesystem::path& catalog_root, const boost::filesystem::path& directory);
   SQLitePODB(const SQLitePODB&) = delete;
   SQLitePODB& operator=(const SQLitePODB&) = delete;
   ~SQLitePODB() override;
@@ -144,10 +145,14 @@ class POCATALOG_API SQLitePODB : public PODB {
   friend class po_database;
   struct QueryContext;
 
-  using Batch = cr_status_t (SQLitePODB::*)(std::ostringstream*, std::set<std::string>*, POQueue*);
-
+  cr_status_t refuse_lost_transaction(const char* operation) const;
   bool transaction_lost() const;
   cr_status_t exec_write(const std::string& sql);
+  cr_status_t del_where(const std::string& condition);
+  cr_status_t count_query(const std::string& sql, unsigned long* n);
+  cr_status_t run_selection(const char* head, const QueryParams& q, std::uint32_t type,
+                            void* output);
+  void write_podb_version();
   cr_status_t double_check_affected_poset(std::set<std::string>* affected, POQueue* out);
   cr_status_t double_check_partial_affected_poset(std::ostringstream* sql,
                                                   std::set<std::string>* affected, POQueue* out);

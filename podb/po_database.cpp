@@ -1,0 +1,149 @@
+#include "podb/po_database_internal.h"
+
+#include <cstdlib>
+#include <memory>
+#include <utility>
+
+#include "host/host.h"
+#include "po/file_po.h"
+#include "po/host_values_internal.h"
+#include "sqlitedb/failure_internal.h"
+
+namespace {
+
+// What a row that fails its checks answers to SQLite and, from a single read, to the caller.
+constexpr int kBadRow = -1;
+
+constexpr int kColumnsOfPO = 4;
+
+bool is_po_query(std::uint32_t type) {
+  return type == QUERY_PO || type == QUERY_PO_LIST || type == QUERY_PROCESS;
+}
+
+// Takes the one column of a query that is not about whole rows.
+void take_value(std::uint32_t type, void* output, const char* value) {
+  switch (type) {
+    case QUERY_NAME_LIST:
+      static_cast<std::vector<std::string>*>(output)->emplace_back(value);
+      break;
+    case QUERY_NAME_SET:
+      static_cast<std::set<std::string>*>(output)->emplace(value);
+      break;
+    case QUERY_COUNT:
+      *static_cast<unsigned long*>(output) = std::strtoull(value, nullptr, 10);
+      break;
+    default:
+      *static_cast<std::string*>(output) = value;
+      break;
+  }
+}
+
+std::string description(int ncols, const char* const* values, const char* const* names) {
+  const auto shown = [](const char* text) { return std::string(text == nullptr ? "NULL" : text); };
+  std::string row;
+  for (int i = 0; i < ncols; ++i) {
+    if (i > 0) row += ", ";
+    row += shown(names[i]) + "(" + shown(values[i]) + ")";
+  }
+  return row;
+}
+
+}  // namespace
+
+cr_status_t SQLitePODB::po_database::on_db_createtable() {
+  const cr_status_t begun = begin_transaction();
+  if (begun != CR_STATUS_OK) return begun;
+  const cr_status_t created = create_tables();
+  if (created == CR_STATUS_OK) return commit_transaction();
+  rollback_transaction();  // the file is deleted anyway
+  return created;
+}
+
+cr_status_t SQLitePODB::po_database::create_tables() {
+  const std::string collation = OSIsCaseSensitive() ? "" : "COLLATE NOCASE";
+  const std::string statements[] = {
+      "CREATE TABLE IF NOT EXISTS po (    basename TEXT " + collation +
+          " PRIMARY KEY,    poid TEXT,    content TEXT,    crc INT)",
+      "CREATE INDEX IF NOT EXISTS po_poid ON po(poid)",
+      "CREATE TABLE IF NOT EXISTS registry (    name TEXT PRIMARY KEY,    value TEXT)",
+  };
+  for (const std::string& statement : statements) {
+    const cr_status_t status = exec(statement, nullptr);
+    if (status != CR_STATUS_OK) return status;
+  }
+  InfoA(0, "Create tables successfully");
+  return CR_STATUS_OK;
+}
+
+int SQLitePODB::po_database::on_db_callback(void* ctx, int ncols, char** values, char** names) {
+  if (ctx == nullptr || values == nullptr || names == nullptr) return CR_STATUS_BAD_ARG;
+  auto& context = *static_cast<QueryContext*>(ctx);
+  ++context.rows;
+  if (context.type > QUERY_PROCESS) {
+    ErrorA(CR_STATUS_NONE, "%s: unknown database query type %u", "on_db_callback", context.type);
+    return kBadRow;
+  }
+  context.status = take_row(context, ncols, values, names);
+  return context.skip_bad_rows ? 0 : context.status;
+}
+
+cr_status_t SQLitePODB::po_database::take_row(const QueryContext& context, int ncols, char** values,
+                                              char** names) const {
+  const int expected = is_po_query(context.type) ? kColumnsOfPO : 1;
+  if (check_parameter(ncols, values, names, expected) != 0) return kBadRow;
+  if (!is_po_query(context.type)) {
+    take_value(context.type, context.output, values[0]);
+    return CR_STATUS_OK;
+  }
+  if (check_crc(values[0], values[1], values[2], values[3]) != 0) return kBadRow;
+  return take_po(context, values);
+}
+
+cr_status_t SQLitePODB::po_database::take_po(const QueryContext& context, char** values) const {
+  if (context.type == QUERY_PO) return fill(context, values, *static_cast<PO*>(context.output));
+  auto entry = std::make_unique<FilePO>(context.owner->get_dsid());
+  if (fill(context, values, *entry) != CR_STATUS_OK) return kBadRow;
+  if (context.type == QUERY_PROCESS) {
+    static_cast<POProcessor*>(context.output)->process(entry.get());
+  } else {
+    const boost::intrusive_ptr<PO> handle(entry.release());
+    static_cast<POQueue*>(context.output)->push_back(handle);
+  }
+  return CR_STATUS_OK;
+}
+
+cr_status_t SQLitePODB::po_database::fill(const QueryContext& context, char** values,
+                                          PO& po) const {
+  const char* content = values[2];
+  const std::string path = context.owner->db_dir + "/" + values[0];
+  const auto status = as_status(po.set(root, content, path));
+  if (status != CR_STATUS_OK) {
+    ErrorA(status, "Failed to set PO [%s][%s]", path.c_str(), content);
+  }
+  return status;
+}
+
+int SQLitePODB::po_database::check_crc(const char* basename, const char* poid, const char* content,
+                                       const char* crc_text) {
+  const std::uint32_t computed = calculate_crc(basename, poid, content);
+  if (computed == static_cast<std::uint32_t>(std::strtoull(crc_text, nullptr, 10))) return 0;
+  ErrorA(CR_STATUS_NONE, "%s: CRC mismatch for PO %s. Expected %u, actually %s", "check_crc",
+         basename, computed, crc_text);
+  return kBadRow;
+}
+
+int SQLitePODB::po_database::check_parameter(int ncols, const char* const* values,
+                                             const char* const* names, int expected) {
+  if (ncols != expected) {
+    ErrorA(CR_STATUS_NONE, "%s: bad database format (input %d fields while expect %d)",
+           "check_parameter", ncols, expected);
+    return kBadRow;
+  }
+  for (int i = 0; i < ncols; ++i) {
+    if (values[i] != nullptr) continue;
+    ErrorA(CR_STATUS_NONE, "%s: bad PO record in database: %s", "check_parameter",
+           description(ncols, values, names).c_str());
+    return kBadRow;
+  }
+  return 0;
+}

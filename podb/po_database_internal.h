@@ -1,0 +1,55 @@
+// The connection to "po.db": its schema, and the decoder of its rows that every query shares.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "podb/sqlite_podb.h"
+#include "sqlitedb/sqlite_wrapper.h"
+
+// What a query hands to the connection for its rows. The type decides what `output` points to.
+enum QueryType : std::uint32_t {
+  QUERY_PO = 0,         // PO*: filled from the row
+  QUERY_PO_LIST = 1,    // POQueue*: a new FilePO is appended
+  QUERY_NAME_LIST = 2,  // std::vector<std::string>*
+  QUERY_NAME_SET = 3,   // std::set<std::string>*
+  QUERY_COUNT = 4,      // unsigned long*
+  QUERY_STRING = 5,     // std::string*
+  QUERY_PROCESS = 6,    // POProcessor*: visits a temporary FilePO
+};
+
+struct SQLitePODB::QueryContext {
+  SQLitePODB* owner;
+  cr_status_t status;  // of the last row
+  std::int32_t rows;   // delivered, counted before each is examined
+  std::uint32_t type;
+  bool skip_bad_rows;  // a row that fails its checks is left out and the query goes on
+  void* output;
+};
+
+class SQLitePODB::po_database : public sqlitedb::sqlite3_wrapper {
+ public:
+  // `catalog_root` is where the paths of entries start.
+  po_database(const std::string& file, const std::string& catalog_root)
+      : sqlite3_wrapper(file), root(catalog_root) {}
+
+  cr_status_t on_db_createtable() override;
+  int on_db_callback(void* ctx, int ncols, char** values, char** names) override;
+
+  cr_status_t create_tables();
+
+  // 0, or -1 after a log line, when `crc_text` is not the checksum of the other three.
+  static int check_crc(const char* basename, const char* poid, const char* content,
+                       const char* crc_text);
+
+  // 0, or -1 after a log line, when the row has another number of columns or a NULL.
+  static int check_parameter(int ncols, const char* const* values, const char* const* names,
+                             int expected);
+
+ private:
+  cr_status_t take_row(const QueryContext& context, int ncols, char** values, char** names) const;
+  cr_status_t take_po(const QueryContext& context, char** values) const;
+  cr_status_t fill(const QueryContext& context, char** values, PO& po) const;
+
+  const std::string root;
+};
