@@ -79,7 +79,7 @@ void FileUpdate::relocate(OldEntry& old) {
 void FileUpdate::list(OldEntry& old) {
   if (old.relocation_failed) return;
   removed_.push_back(old.entry);
-  old.owned.release();  // the list's owner has it now
+  static_cast<void>(old.owned.release());  // the list's owner has it now
 }
 
 // A retried add must not release the data of the entry that is already there.
