@@ -4,12 +4,11 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 
+#include "cli/catalog.h"
 #include "host/files.h"
 
 namespace cli {
 namespace {
-
-cr_status_t errno_status() { return _crMapError(__func__, __FILE__, __LINE__); }
 
 bool take(int directory) {
   while (flock(directory, LOCK_EX) != 0) {
@@ -39,7 +38,7 @@ cr_status_t DirLock::lock(const std::string& directory) {
   for (;;) {
     unlock();
     refhost::Fd opened(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!opened || !take(opened.get())) return errno_status();
+    if (!opened || !take(opened.get())) return status_of_errno("lock");
     if (!still_named(directory, opened.get())) continue;
     directory_ = std::move(opened);
     return CR_STATUS_OK;
