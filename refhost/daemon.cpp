@@ -38,15 +38,20 @@ bool lock_now(const Fd& file, int kind) { return flock(file.get(), kind | LOCK_N
 // Takes the lock for itself alone. Tests hold a shared lock for a moment, which must not pass for a
 // live holder: while a shared lock can be had, nobody but tests is in the way.
 bool lock_exclusively(const Fd& file) {
-  while (!lock_now(file, LOCK_EX)) {
+  constexpr int attempts = 1000;
+  constexpr useconds_t pause = 1000;
+  for (int i = 0; i < attempts; ++i) {
+    if (lock_now(file, LOCK_EX)) return true;
     if (errno != EWOULDBLOCK || !lock_now(file, LOCK_SH)) return false;
     flock(file.get(), LOCK_UN);
+    usleep(pause);
   }
-  return true;
+  errno = EBUSY;
+  return false;
 }
 
 bool write_pid(const Fd& file) {
-  std::array<char, 16> text;
+  std::array<char, 16> text{};
   const int length = std::snprintf(text.data(), text.size(), "%d\n", getpid());
   return ftruncate(file.get(), 0) == 0 &&
          pwrite(file.get(), text.data(), static_cast<std::size_t>(length), 0) == length;

@@ -98,7 +98,7 @@ void write_once(int descriptor, std::string_view line) {
 void write_line(int descriptor, const LogLine& line) {
   std::string_view message = line.message;
   if (!message.empty() && message.back() == '\n') message.remove_suffix(1);
-  Prefix prefix;
+  Prefix prefix{};
   std::string text(format_prefix(prefix, line.level, line.status));
   append_escaped(text, message);
   text += '\n';
@@ -107,9 +107,9 @@ void write_line(int descriptor, const LogLine& line) {
 
 // Without memory a line still tells when it was, how grave and with which status.
 void write_lost_line(int descriptor, LogLevel level, cr_status_t status) noexcept {
-  Prefix prefix;
+  Prefix prefix{};
   const std::string_view text = format_prefix(prefix, level, status);
-  std::array<char, 256> line;
+  std::array<char, 256> line{};
   const int length = std::snprintf(line.data(), line.size(), "%.*s(message lost)\n",
                                    static_cast<int>(text.size()), text.data());
   write_once(descriptor, {line.data(), static_cast<std::size_t>(length)});

@@ -105,7 +105,7 @@ bool decode(std::string_view text, std::string& out) {
 
 template <class Number>
 void append_number(std::string& out, Number value, int base = 10) {
-  std::array<char, 24> digits;
+  std::array<char, 24> digits{};
   const auto result = std::to_chars(digits.data(), digits.data() + digits.size(), value, base);
   out.append(digits.data(), result.ptr);
 }

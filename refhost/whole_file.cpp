@@ -16,7 +16,7 @@ namespace {
 
 constexpr mode_t kFileMode = 0644;
 constexpr mode_t kPermissionBits = 07777;
-constexpr std::size_t kReadBlock = 64 * 1024;
+constexpr std::size_t kReadBlock = 65536;
 
 bool read_all(int file, std::string& content) {
   for (;;) {
@@ -51,7 +51,7 @@ std::string directory_of(const std::string& path) {
 // Not made from the target's name, which may be as long as a name can be.
 std::string fresh_name() {
   static std::atomic<unsigned int> counter{0};
-  std::array<char, 64> name;
+  std::array<char, 64> name{};
   std::snprintf(name.data(), name.size(), ".write-%d-%u.tmp", getpid(), counter++);
   return name.data();
 }
