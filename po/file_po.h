@@ -42,8 +42,7 @@ class POCATALOG_API FilePO : public PO {
   //
   // - `info` follows what was done, after it was done: size and count.
   // - `removed_pos` gets the displaced old entries, which the caller then owns, so that it releases
-  // their
-  //   data. An entry added again unchanged displaces nothing.
+  //   their data. An entry added again unchanged displaces nothing.
   // - `udcid_pos` gets this entry (not owned) when its containers are to be recorded.
   // - `action` is read: "action_imgchk" protects immutable entries from deletion. Replacing one is
   //   refused whatever it says; the asymmetry is intended.

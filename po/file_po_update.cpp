@@ -32,7 +32,7 @@ class FileUpdate {
 
  private:
   unsigned int load(OldEntry& old);
-  void relocate(OldEntry& old);
+  void relocate(OldEntry& old, unsigned int loaded);
   void list(OldEntry& old);
   void keep(FilePO& old);
   unsigned int displace(OldEntry& old);
@@ -47,11 +47,12 @@ class FileUpdate {
   std::string path_;
 };
 
-// The status with which a store could not look for a row; 0 when the row is simply not there.
-// Without this difference an unreadable database would look like an empty one.
+// The status with which a store could not look for a row; 0 when it could: the row is not there, or
+// it is damaged. Without this difference an unreadable database would look like an empty one.
 unsigned int look_failure() {
   const cr_status_t status = host_status();
-  return status == CR_STATUS_NOT_FOUND ? 0 : as_result(status);
+  const bool looked = status == CR_STATUS_NOT_FOUND || status == CR_STATUS_BAD_RECORD;
+  return looked ? 0 : as_result(status);
 }
 
 bool is_immutable(const FilePO& entry) {
@@ -63,7 +64,7 @@ unsigned int refuse_immutable() {
   return as_result(CR_STATUS_IMMUTABLE);
 }
 
-// Loads the stored row. Whatever failed but "not there" leaves an entry that knows its path only.
+// Loads the stored row, if there is one.
 unsigned int FileUpdate::load(OldEntry& old) {
   old.owned = std::make_unique<FilePO>(incoming_.get_dsid());
   old.entry = old.owned.get();
@@ -71,7 +72,9 @@ unsigned int FileUpdate::load(OldEntry& old) {
   return old.entry->load(db_, path_, true);
 }
 
-void FileUpdate::relocate(OldEntry& old) {
+// A row that is there but damaged leaves an entry that knows its path only.
+void FileUpdate::relocate(OldEntry& old, unsigned int loaded) {
+  InfoA(as_status(loaded), "%s: Load PO %s failed.", "update", path_.c_str());
   old.load_failed = true;
   old.relocation_failed = old.entry->add_info(db_->get_root(), path_, nullptr) != 0;
 }
@@ -130,8 +133,9 @@ unsigned int FileUpdate::add() {
   OldEntry old;
   const unsigned int loaded = load(old);
   if (loaded != 0) {
-    InfoA(as_status(loaded), "%s: Load PO %s failed.", "update", path_.c_str());
-    relocate(old);
+    const unsigned int failure = look_failure();
+    if (failure != 0) return failure;
+    relocate(old, loaded);
   }
   // Checked on every replacement, whatever the action; and before the entry is listed, so that
   // nobody finds it in the list after it is gone.
@@ -149,15 +153,14 @@ unsigned int FileUpdate::add() {
 unsigned int FileUpdate::erase(bool protect_immutable) {
   OldEntry old;
   const unsigned int loaded = load(old);
-  if (as_status(loaded) == CR_STATUS_NOT_FOUND) {
+  if (loaded != 0) {
     const unsigned int failure = look_failure();
     if (failure != 0) return failure;
-    InfoA(CR_STATUS_NOT_FOUND, "File Not found, ignore this error [%s]", path_.c_str());
-    return 0;
-  }
-  if (loaded != 0) {
-    InfoA(as_status(loaded), "%s: Load PO %s failed.", "update", path_.c_str());
-    relocate(old);
+    if (as_status(loaded) == CR_STATUS_NOT_FOUND) {
+      InfoA(CR_STATUS_NOT_FOUND, "File Not found, ignore this error [%s]", path_.c_str());
+      return 0;
+    }
+    relocate(old, loaded);
   }
   if (protect_immutable && is_immutable(*old.entry)) return refuse_immutable();
   list(old);

@@ -7,8 +7,19 @@ HostString printed(const _po_t* record) {
   return text;
 }
 
-_po_t* created_record() {
-  _po_t* record = POCreate();
+namespace {
+
+_po_t* logged_when_null(_po_t* record) {
   if (record == nullptr) ErrorA(host_status(), "Allocate po struct failed.");
   return record;
+}
+
+}  // namespace
+
+_po_t* created_record() { return logged_when_null(POCreate()); }
+
+_po_t* copied_record(const _po_t* record) { return logged_when_null(POCopy(record)); }
+
+void log_unparsable(const std::string& text) {
+  ErrorA(host_status(), "can't get PO object with %s", text.c_str());
 }

@@ -17,8 +17,12 @@ using HostString = std::unique_ptr<char, HostStringDeleter>;
 // The record's text form; null, after a log line, when the host cannot make it.
 HostString printed(const _po_t* record);
 
-// A new record; null after a log line.
+// A new record, and a deep copy of one; null after a log line.
 _po_t* created_record();
+_po_t* copied_record(const _po_t* record);
+
+// Logs that `text` is no entry's text form.
+void log_unparsable(const std::string& text);
 
 inline std::string text_or_empty(const char* text) { return text == nullptr ? "" : text; }
 

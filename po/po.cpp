@@ -20,16 +20,6 @@ PORecord checked(_po_t* record) {
   return PORecord(record);
 }
 
-PORecord copied(const _po_t* record) {
-  _po_t* copy = POCopy(record);
-  if (copy == nullptr) ErrorA(host_status(), "Allocate po struct failed.");
-  return checked(copy);
-}
-
-void log_unparsable(const std::string& text) {
-  ErrorA(host_status(), "can't get PO object with %s", text.c_str());
-}
-
 }  // namespace
 
 PO::PO(unsigned int dsid_of_store) : PO(checked(created_record()), dsid_of_store) {}
@@ -49,7 +39,7 @@ PO::PO(const std::string& root, const std::string& path, unsigned int dsid_of_st
   throw Cr_ErrnoException(as_status(result), "Could not \"add info\" to PO", nullptr);
 }
 
-PO::PO(const PO& other) : po(copied(other.record())), dsid(POGetDsid(record())) {
+PO::PO(const PO& other) : po(checked(copied_record(other.record()))), dsid(POGetDsid(record())) {
   if (other.udcid_record != nullptr) {
     udcid_record = std::make_unique<UDCIDRecord>(*other.udcid_record);
   }

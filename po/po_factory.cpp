@@ -9,26 +9,37 @@
 #include "po/file_po.h"
 #include "po/host_values_internal.h"
 
-PO* PO::getObject(const std::string& text, po_stype_t stype) {
+namespace {
+
+// Null, after a log line, with a status in the cell.
+PORecord parsed_record(const std::string& text, po_stype_t stype) {
   PORecord record(created_record());
-  if (record == nullptr) return nullptr;
-  POSetStype(record.get(), stype);
-  if (setFromString(record.get(), text.c_str()) != 0) {
-    ErrorA(host_status(), "can't get PO object with %s", text.c_str());
+  if (record == nullptr) {
+    set_host_status(failure_status());
     return nullptr;
   }
-  const unsigned int dsid = POGetDsid(record.get());
-  const int type = POGetType(record.get());
+  POSetStype(record.get(), stype);
+  if (PO::setFromString(record.get(), text.c_str()) == 0) return record;
+  log_unparsable(text);
+  return nullptr;
+}
+
+}  // namespace
+
+PO* PO::getObject(const std::string& text, po_stype_t stype) {
   try {
+    PORecord record = parsed_record(text, stype);
+    if (record == nullptr) return nullptr;
+    const unsigned int dsid = POGetDsid(record.get());
+    const int type = POGetType(record.get());
     if (type == PO_TYPE_FILE) return new FilePO(std::move(record), dsid);
     if (type == PO_TYPE_DIR) return new DirPO(std::move(record), dsid);
-  } catch (const std::bad_alloc&) {
+    set_host_status(CR_STATUS_NOT_PROVIDED);
+    ErrorA(CR_STATUS_NOT_PROVIDED, "Could not recongize type %d", type);
+  } catch (const std::bad_alloc&) {  // the host's functions may throw it as well
     set_host_status(CR_STATUS_NO_MEMORY);
     ErrorA(CR_STATUS_NO_MEMORY, "can't allocate memory");
-    return nullptr;
   }
-  set_host_status(CR_STATUS_NOT_PROVIDED);
-  ErrorA(CR_STATUS_NOT_PROVIDED, "Could not recongize type %d", type);
   return nullptr;
 }
 

@@ -47,8 +47,8 @@ cr_status_t SQLitePODB::double_check(std::set<std::string>* affected, POQueue* o
   cr_status_t status = check_db_existence(false);
   if (status == CR_STATUS_NOT_FOUND) return CR_STATUS_OK;
   if (status != CR_STATUS_OK) return status;
-  double_check_affected_poset(affected,
-                              out);  // a failure is logged, and the check goes on: intended
+  // A failure there is logged, and the check goes on: intended.
+  double_check_affected_poset(affected, out);
   status = double_check_leak_candidates(leak_candidates);
   if (status != CR_STATUS_OK) return status;
   unsigned long n = 0;

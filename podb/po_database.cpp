@@ -1,7 +1,6 @@
 #include "podb/po_database_internal.h"
 
 #include <cstdlib>
-#include <memory>
 #include <utility>
 
 #include "host/host.h"
@@ -101,13 +100,13 @@ cr_status_t SQLitePODB::po_database::take_row(const QueryContext& context, int n
 
 cr_status_t SQLitePODB::po_database::take_po(const QueryContext& context, char** values) const {
   if (context.type == QUERY_PO) return fill(context, values, *static_cast<PO*>(context.output));
-  auto entry = std::make_unique<FilePO>(context.owner->get_dsid());
+  // Counted, because a visitor may wrap what it is handed in a handle of its own.
+  const boost::intrusive_ptr<PO> entry(new FilePO(context.owner->get_dsid()));
   if (fill(context, values, *entry) != CR_STATUS_OK) return kBadRow;
   if (context.type == QUERY_PROCESS) {
     static_cast<POProcessor*>(context.output)->process(entry.get());
   } else {
-    const boost::intrusive_ptr<PO> handle(entry.release());
-    static_cast<POQueue*>(context.output)->push_back(handle);
+    static_cast<POQueue*>(context.output)->push_back(entry);
   }
   return CR_STATUS_OK;
 }

@@ -66,7 +66,8 @@ class POCATALOG_API PODB {
   // leaves the status in the host's status cell then, and 0 there otherwise.
   virtual bool exists(const std::string& basename) = 0;
 
-  // Fills `po` from the entry of that name. `flag` belongs to the store.
+  // Fills `po` from the entry of that name. `flag` belongs to the store, which treats the status
+  // cell as `exists` does: a damaged entry is there.
   virtual cr_status_t get(const std::string& basename, PO* po, bool flag) = 0;
   virtual cr_status_t get(const std::string& basename, PO* po);
 

@@ -69,10 +69,11 @@ cr_status_t SQLitePODB::get(const std::string& basename, PO* po) {
   set_host_status(opened);
   if (opened != CR_STATUS_OK) return CR_STATUS_NOT_FOUND;
   QueryContext context{this, CR_STATUS_OK, 0, QUERY_PO, false, po};
-  cr_status_t status = exec_sql(kSelectEntries + where_name_is(basename), &context);
+  const cr_status_t status = exec_sql(kSelectEntries + where_name_is(basename), &context);
+  const bool damaged = context.status != CR_STATUS_OK;
+  set_host_status(damaged ? CR_STATUS_OK : status);
   // The row's own failure says more than that of the statement which it stopped.
-  if (context.status != CR_STATUS_OK) status = context.status;
-  set_host_status(status);
+  if (damaged) return context.status;
   return status == CR_STATUS_OK && context.rows == 0 ? CR_STATUS_NOT_FOUND : status;
 }
 

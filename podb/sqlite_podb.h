@@ -47,7 +47,8 @@ class POCATALOG_API SQLitePODB : public PODB {
   bool exists(const std::string& basename) override;
 
   // `flag` is ignored. CR_STATUS_NOT_FOUND when there is no such row or when the database could not
-  // be opened: the status cell then tells the reason.
+  // be opened. The status cell gets the status with which the database could not be opened or read,
+  // otherwise 0, for a damaged row as well.
   cr_status_t get(const std::string& basename, PO* po, bool flag) override;
   cr_status_t get(const std::string& basename, PO* po) override;
 
@@ -62,8 +63,7 @@ class POCATALOG_API SQLitePODB : public PODB {
   cr_status_t count(unsigned long* n) override;
 
   // The host's case sensitivity decides: GLOB where file names are case-sensitive, otherwise LIKE
-  // with
-  // "*" as the only wildcard, at most 2048 bytes (CR_STATUS_FAILED). The pattern goes into the
+  // with "*" as the only wildcard, at most 2048 bytes (CR_STATUS_FAILED). The pattern goes into the
   // statement as it is: callers double its quotes. A missing database yields 0 and no entry.
   cr_status_t find_by_pattern(const std::string& pattern, POQueue* out,
                               bool case_sensitive) override;

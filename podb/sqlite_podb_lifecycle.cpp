@@ -10,6 +10,21 @@ namespace {
 
 constexpr unsigned long kCloseRetries = 3;
 
+// However its initialisation was interrupted, a connection that never became an open one goes: it
+// would answer for an open one ever after.
+class HalfOpenGuard {
+ public:
+  explicit HalfOpenGuard(sqlitedb::sqlite3_wrapper& guarded) : connection_(guarded) {}
+  HalfOpenGuard(const HalfOpenGuard&) = delete;
+  HalfOpenGuard& operator=(const HalfOpenGuard&) = delete;
+  ~HalfOpenGuard() {
+    if (connection_.has_handle() && !connection_.is_open()) connection_.close_db(kCloseRetries);
+  }
+
+ private:
+  sqlitedb::sqlite3_wrapper& connection_;
+};
+
 template <typename Opening>
 cr_status_t opening(const char* operation, const std::string& file, Opening open) {
   try {
@@ -64,11 +79,10 @@ cr_status_t SQLitePODB::check_db_existence(bool create) {
 
 cr_status_t SQLitePODB::init_db() {
   const boost::unique_lock<boost::mutex> lock(mutex);
+  const HalfOpenGuard guard(*db);
   const cr_status_t status =
       sqlitedb::catching_db_exception("init_db", [this] { return db->init_db(); });
   if (status != CR_STATUS_OK) {
-    // What corruption interrupted has left a connection that never became an open one.
-    if (db->has_handle()) db->close_db(kCloseRetries);
     ErrorA(status, "Failed to initialize PO database %s", dbfile_path.c_str());
     return status;
   }
