@@ -75,6 +75,7 @@ std::optional<CatalogPath> catalog_path(const std::string& root, const std::stri
     if (!component.empty()) split.components.push_back(component);
     start = end + 1;
   }
+  if (!split.components.empty() && !split.dsid()) return std::nullopt;
   return split;
 }
 
@@ -89,7 +90,7 @@ std::optional<unsigned int> parse_dsid(const std::string& name) {
 }
 
 bool is_reserved_name(const std::string& name) {
-  return name == DirPO::recordfilename() || name == "__dsinfo__" ||
+  return name == DirPO::recordfilename() || name == "__dsinfo__" || name == "__dsinfo__.lock" ||
          is_database_file(name, SQLitePODB::dbfilename()) || is_database_file(name, "ul.db");
 }
 

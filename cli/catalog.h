@@ -36,7 +36,7 @@ struct CatalogPath {
 };
 
 // Splits "5/client/policy/name"; "/" at the start or end and doubled ones do not matter. None when
-// a component is "." or "..": a catalog has no such entries.
+// the first component is no data store's number, or one is "." or "..".
 std::optional<CatalogPath> catalog_path(const std::string& root, const std::string& path);
 
 // The number that a data store's directory stands for: decimal, 32 bits, without leading zeros.

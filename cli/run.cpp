@@ -6,9 +6,16 @@
 #include <array>
 #include <functional>
 #include <iostream>
+#include <limits>
+#include <memory>
 #include <string>
 
 #include "cli/command.h"
+#include "cli/ingest.h"
+#include "cli/ls.h"
+#include "cli/rm.h"
+#include "cli/show.h"
+#include "cli/verify.h"
 #include "refhost/control.h"
 
 namespace cli {
@@ -22,10 +29,98 @@ struct Request {
   std::function<int(const Console&)> action;
 };
 
-// Every subcommand declares its arguments in a function of this kind and sets the action.
-using Declaration = void (*)(CLI::App& app, Request& request);
+// Adds a subcommand that runs `command` with the options that its arguments fill.
+template <typename Options>
+CLI::App* add_subcommand(CLI::App& app, Request& request, const std::string& name,
+                         const std::string& description,
+                         int (*command)(const Console&, const Options&),
+                         const std::shared_ptr<Options>& options) {
+  CLI::App* subcommand = app.add_subcommand(name, description);
+  subcommand->callback([&request, command, options] {
+    request.action = [command, options](const Console& console) {
+      return command(console, *options);
+    };
+  });
+  return subcommand;
+}
 
-constexpr std::array<Declaration, 0> kSubcommands = {};
+constexpr const char* kRootHelp = "The catalog's root directory";
+constexpr const char* kPathHelp =
+    "The entry's path below ROOT, for example 5/client/policy/etc/hosts. Of a file and a directory "
+    "of one name it means the file; with a '/' at its end, the directory";
+
+void declare_ingest(CLI::App& app, Request& request) {
+  const auto options = std::make_shared<IngestOptions>();
+  CLI::App* command = add_subcommand(
+      app, request, "ingest",
+      "Makes the catalog directory ROOT/N/client/policy describe the tree SOURCE, and prints what "
+      "was done. Symbolic links are not followed; links, sockets, pipes and devices are left out, "
+      "and so is the catalog itself. Running it again stores the differences. Exit status 3 when "
+      "some entries were not done: each is named.",
+      ingest, options);
+  command->add_option("SOURCE", options->source, "The directory to ingest")->required();
+  command->add_option("--root", options->root, "The catalog's root directory; made when missing")
+      ->required();
+  command->add_option("--dsid", options->dsid, "The data store, a number from 1 on")
+      ->required()
+      ->check(CLI::Range(std::uint32_t{1}, std::numeric_limits<std::uint32_t>::max()));
+  command->add_option("--client", options->client, "A name: the directory below the data store")
+      ->required();
+  command->add_option("--policy", options->policy, "A name: the directory below that")->required();
+  command->add_flag("--delete", options->delete_missing,
+                    "Remove entries that SOURCE no longer has. Protected ones stay");
+  command->add_flag("!--no-content", options->with_content,
+                    "Do not read the files: size and modification time tell which have changed, "
+                    "and those are stored without the identifier of their content");
+}
+
+void declare_ls(CLI::App& app, Request& request) {
+  const auto options = std::make_shared<LsOptions>();
+  CLI::App* command = add_subcommand(
+      app, request, "ls",
+      "Lists a directory of the catalog: mode, owner, size, time of last change (UTC), marks, "
+      "name. Marks: i belongs to an immutable image, r has a retention lock. Damaged entries are "
+      "named as such; the exit status is 4 then.",
+      ls, options);
+  command->add_option("ROOT", options->root, kRootHelp)->required();
+  command->add_option("PATH", options->path,
+                      "A directory or a file below ROOT, for example 5/client/policy/etc. Without "
+                      "it the data stores are listed");
+}
+
+void declare_show(CLI::App& app, Request& request) {
+  const auto options = std::make_shared<ShowOptions>();
+  CLI::App* command = add_subcommand(
+      app, request, "show", "Prints one entry with every field of its record.", show, options);
+  command->add_option("ROOT", options->root, kRootHelp)->required();
+  command->add_option("PATH", options->path, kPathHelp)->required();
+}
+
+void declare_rm(CLI::App& app, Request& request) {
+  const auto options = std::make_shared<RmOptions>();
+  CLI::App* command = add_subcommand(
+      app, request, "rm",
+      "Removes one file entry, or a directory with nothing below it, and says so. Refuses, with "
+      "exit status 1 and the reason, entries of immutable images, damaged entries, and "
+      "directories that hold anything.",
+      rm, options);
+  command->add_option("ROOT", options->root, kRootHelp)->required();
+  command->add_option("PATH", options->path, kPathHelp)->required();
+}
+
+void declare_verify(CLI::App& app, Request& request) {
+  const auto options = std::make_shared<VerifyOptions>();
+  CLI::App* command = add_subcommand(
+      app, request, "verify",
+      "Checks every database, row and directory record below ROOT. Prints one line for each thing "
+      "that is wrong and a summary; repairs nothing. Exit status 4 when something is wrong, 3 when "
+      "something could not be examined.",
+      verify, options);
+  command->add_option("ROOT", options->root, kRootHelp)->required();
+}
+
+constexpr std::array kSubcommands = {declare_ingest, declare_ls, declare_show, declare_rm,
+                                     declare_verify};
 
 constexpr const char* kFooter =
     "Exit status: 0 done, 1 failed, 2 wrong arguments, 3 some entries were not done,\n"
@@ -70,7 +165,7 @@ int parse_and_run(int argc, const char* const* argv, std::ostream& out, std::ost
   CLI::App app;
   Request request;
   declare_common(app, request);
-  for (const Declaration declare : kSubcommands) declare(app, request);
+  for (const auto declare : kSubcommands) declare(app, request);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

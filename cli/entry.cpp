@@ -1,0 +1,67 @@
+#include "cli/entry.h"
+
+#include <sys/stat.h>
+
+#include <utility>
+
+#include "podb/sqlite_podb.h"
+
+namespace cli {
+
+cr_status_t read_file(const CatalogPath& path, std::unique_ptr<FilePO>* entry) {
+  if (path.components.size() < 2 || !path.dsid()) return CR_STATUS_NOT_FOUND;
+  const cr_status_t reachable = check_directory(path.parent());
+  if (reachable != CR_STATUS_OK) return reachable;
+  SQLitePODB db(path.root, path.parent().full());
+  auto found = std::make_unique<FilePO>(*path.dsid());
+  const cr_status_t status = db.get(path.leaf(), found.get());
+  if (status == CR_STATUS_OK) *entry = std::move(found);
+  // "Not there" is also the answer when the database could not be opened; the cell knows better.
+  const cr_status_t reason = *__cr_errno_location();
+  return status == CR_STATUS_NOT_FOUND && reason != CR_STATUS_OK ? reason : status;
+}
+
+cr_status_t read_directory(const CatalogPath& path, std::unique_ptr<DirPO>* entry) {
+  if (!path.dsid()) return CR_STATUS_NOT_FOUND;
+  const cr_status_t reachable = check_directory(path);
+  if (reachable != CR_STATUS_OK) return reachable;
+  auto found = std::make_unique<DirPO>(*path.dsid());
+  const auto status = static_cast<cr_status_t>(found->load(path.root, path.full()));
+  if (status != CR_STATUS_OK) return status;
+  if (POGetType(found->record()) != PO_TYPE_DIR) return CR_STATUS_BAD_RECORD;
+  *entry = std::move(found);
+  return CR_STATUS_OK;
+}
+
+cr_status_t read_entry(const CatalogPath& path, bool directory_only, std::unique_ptr<PO>* entry) {
+  if (!directory_only) {
+    std::unique_ptr<FilePO> file;
+    const cr_status_t status = read_file(path, &file);
+    *entry = std::move(file);
+    if (status != CR_STATUS_NOT_FOUND) return status;
+  }
+  std::unique_ptr<DirPO> directory;
+  const cr_status_t status = read_directory(path, &directory);
+  *entry = std::move(directory);
+  return status;
+}
+
+int report_bad_path(const Console& console, const std::string& path) {
+  report(console, path, CR_STATUS_OK,
+         "not a path in a catalog: those start with the number of a data store, and no part is '.' "
+         "or '..'");
+  return kUsage;
+}
+
+bool names_directory(const std::string& path) { return !path.empty() && path.back() == '/'; }
+
+bool has_record(const CatalogPath& directory) {
+  struct stat found = {};
+  return lstat(directory.child(DirPO::recordfilename()).full().c_str(), &found) == 0;
+}
+
+bool protected_entry(const _po_t* record) {
+  return (POGetSpecialFlags(record) & SF_IMMUTABLE) != 0;
+}
+
+}  // namespace cli

@@ -1,0 +1,62 @@
+#include "cli/findings.h"
+
+#include <fmt/format.h>
+
+#include <nlohmann/json.hpp>
+#include <ostream>
+
+#include "cli/json.h"
+
+namespace cli {
+
+void Findings::add(const std::string& file, const std::string& reason) {
+  ++other_;
+  if (!console_.json) {
+    console_.out << printable(file) << ": " << printable(reason) << '\n';
+    return;
+  }
+  nlohmann::ordered_json object;
+  set_name(object, "file", file);
+  set_name(object, "reason", reason);
+  print_line(console_, object);
+}
+
+void Findings::add_row(const std::string& file, const std::string& name, std::int64_t rowid,
+                       const std::string& reason) {
+  ++damaged_rows_;
+  if (!console_.json) {
+    console_.out << fmt::format("{}: row {} (rowid {}): {}\n", printable(file), printable(name),
+                                rowid, printable(reason));
+    return;
+  }
+  nlohmann::ordered_json object;
+  set_name(object, "file", file);
+  set_name(object, "row", name);
+  object["rowid"] = rowid;
+  set_name(object, "reason", reason);
+  print_line(console_, object);
+}
+
+void Findings::add_unexamined(const std::string& file, cr_status_t status,
+                              const std::string& reason) {
+  ++unexamined_;
+  report(console_, file, status, reason);
+}
+
+int Findings::conclude() const {
+  if (console_.json) {
+    print_line(console_, {{"databases", databases_},
+                          {"rows", rows_},
+                          {"damaged_rows", damaged_rows_},
+                          {"other_findings", other_},
+                          {"not_examined", unexamined_}});
+  } else {
+    console_.out << fmt::format(
+        "{} databases, {} rows: {} damaged rows, {} other findings, {} not examined\n", databases_,
+        rows_, damaged_rows_, other_, unexamined_);
+  }
+  if (damaged_rows_ + other_ > 0) return kInconsistent;
+  return unexamined_ > 0 ? kIncomplete : kDone;
+}
+
+}  // namespace cli

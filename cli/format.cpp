@@ -1,0 +1,52 @@
+#include "cli/format.h"
+
+#include <array>
+#include <ctime>
+
+namespace cli {
+namespace {
+
+constexpr std::uint64_t kLastSecondOfYear9999 = 253402300799;
+
+char type_letter(int type) {
+  if (type == PO_TYPE_DIR) return 'd';
+  return type == PO_TYPE_FILE ? '-' : '?';
+}
+
+// Set-user, set-group and sticky bits stand in the place of the "x" of their class.
+void mark(char& place, bool set, char with_x, char without_x) {
+  if (set) place = place == 'x' ? with_x : without_x;
+}
+
+}  // namespace
+
+std::string utc_time(std::uint64_t seconds) {
+  if (seconds > kLastSecondOfYear9999) return "-";
+  const auto time = static_cast<std::time_t>(seconds);
+  std::tm parts = {};
+  gmtime_r(&time, &parts);
+  std::array<char, 32> text = {};
+  const std::size_t length = std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &parts);
+  return {text.data(), length};
+}
+
+std::string mode_letters(const refhost::RecordFields& fields) {
+  std::string letters = "?rwxrwxrwx";
+  letters[0] = type_letter(fields.type);
+  for (std::size_t bit = 0; bit < 9; ++bit) {
+    if ((fields.mode >> (8 - bit) & 1U) == 0) letters[bit + 1] = '-';
+  }
+  mark(letters[3], (fields.mode & 04000U) != 0, 's', 'S');
+  mark(letters[6], (fields.mode & 02000U) != 0, 's', 'S');
+  mark(letters[9], (fields.mode & 01000U) != 0, 't', 'T');
+  return letters;
+}
+
+std::string flag_letters(std::uint32_t special_flags) {
+  std::string letters = "--";
+  if ((special_flags & SF_IMMUTABLE) != 0) letters[0] = 'i';
+  if ((special_flags & SF_RETENTION_LOCK) != 0) letters[1] = 'r';
+  return letters;
+}
+
+}  // namespace cli

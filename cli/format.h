@@ -1,0 +1,20 @@
+// How values of entries are written for people.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "refhost/record.h"
+
+namespace cli {
+
+// Seconds since the epoch as "2026-03-04T05:06:07Z"; "-" beyond the year 9999.
+std::string utc_time(std::uint64_t seconds);
+
+// "drwxr-xr-x", its first letter after the record's type.
+std::string mode_letters(const refhost::RecordFields& fields);
+
+// "i" for an entry of an immutable image and "r" for one with a retention lock, each "-" otherwise.
+std::string flag_letters(std::uint32_t special_flags);
+
+}  // namespace cli

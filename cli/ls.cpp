@@ -1,0 +1,148 @@
+#include "cli/ls.h"
+
+#include <fmt/format.h>
+
+#include <nlohmann/json.hpp>
+#include <ostream>
+
+#include "cli/dir_list.h"
+#include "cli/entry.h"
+#include "cli/format.h"
+#include "cli/json.h"
+#include "cli/row_pager.h"
+
+namespace cli {
+namespace {
+
+nlohmann::ordered_json json_of(const refhost::RecordFields& fields) {
+  nlohmann::ordered_json object;
+  object["type"] = fields.type == PO_TYPE_DIR ? "directory" : "file";
+  object["mode"] = fmt::format("{:#o}", fields.mode);
+  set_name(object, "owner", fields.owner);
+  object["size"] = fields.size;
+  object["mtime"] = fields.mtime;
+  object["mtime_utc"] = utc_time(fields.mtime);
+  object["immutable"] = (fields.special_flags & SF_IMMUTABLE) != 0;
+  object["retention_lock"] = (fields.special_flags & SF_RETENTION_LOCK) != 0;
+  return object;
+}
+
+void print_entry(const Console& console, const std::string& name, const _po_t* record) {
+  const refhost::RecordFields fields = refhost::get_fields(record);
+  if (console.json) {
+    nlohmann::ordered_json object = json_of(fields);
+    set_name(object, "name", name);
+    return print_line(console, object);
+  }
+  console.out << fmt::format("{} {:>11} {:>12} {:>20} {} {}\n", mode_letters(fields),
+                             printable(fields.owner), fields.size, utc_time(fields.mtime),
+                             flag_letters(fields.special_flags), printable(name));
+}
+
+void print_damaged(const Console& console, const std::string& name) {
+  if (console.json) {
+    nlohmann::ordered_json object = {{"type", "damaged"}};
+    set_name(object, "name", name);
+    return print_line(console, object);
+  }
+  console.out << fmt::format("{:<60} {}\n", "(damaged: see pocatalog verify)", printable(name));
+}
+
+// Lists one directory: merges its rows and its subdirectories.
+class Listing {
+ public:
+  Listing(const Console& console, const CatalogPath& directory)
+      : console_(console), directory_(directory), rows_(directory), entries_(directory.full()) {}
+
+  int run() {
+    const Row* row = next_row();
+    const DirEntry* below = next_subdirectory();
+    while (row != nullptr || below != nullptr) {
+      if (row == nullptr || (below != nullptr && below->name <= row->name)) {
+        print_subdirectory(below->name);
+        below = next_subdirectory();
+      } else {
+        print_row(*row);
+        row = next_row();
+      }
+    }
+    return conclude();
+  }
+
+ private:
+  bool is_root() const { return directory_.components.empty(); }
+
+  const Row* next_row() { return is_root() ? nullptr : rows_.next(); }
+
+  // In the root of the catalog, only data stores are its own.
+  const DirEntry* next_subdirectory() {
+    const DirEntry* entry = entries_.next();
+    while (entry != nullptr && (entry->kind != EntryKind::directory ||
+                                (is_root() && !parse_dsid(entry->name).has_value()))) {
+      entry = entries_.next();
+    }
+    return entry;
+  }
+
+  void print_row(const Row& row) {
+    if (row.entry) return print_entry(console_, row.name, row.entry->record());
+    print_damaged(console_, row.name);
+    damaged_ = true;
+  }
+
+  void print_subdirectory(const std::string& name) {
+    std::unique_ptr<DirPO> entry;
+    if (read_directory(directory_.child(name), &entry) == CR_STATUS_OK) {
+      return print_entry(console_, name, entry->record());
+    }
+    print_damaged(console_, name);
+    damaged_ = true;
+  }
+
+  int conclude() {
+    for (const cr_status_t status : {rows_.status(), entries_.status()}) {
+      if (status == CR_STATUS_OK) continue;
+      report(console_, directory_.full(), status, "cannot be read");
+      return kFailed;
+    }
+    if (!is_root() && rows_.has_nameless_rows()) {
+      report(console_, directory_.full(), CR_STATUS_OK, "has rows without a usable name");
+      damaged_ = true;
+    }
+    return damaged_ ? kInconsistent : kDone;
+  }
+
+  const Console& console_;
+  const CatalogPath& directory_;
+  RowPager rows_;
+  DirPager entries_;
+  bool damaged_ = false;
+};
+
+int list_file(const Console& console, const CatalogPath& path) {
+  std::unique_ptr<FilePO> entry;
+  const cr_status_t status = read_file(path, &entry);
+  if (status != CR_STATUS_OK) {
+    report(console, path.full(), status,
+           status == CR_STATUS_NOT_FOUND ? "no such entry in the catalog" : "cannot be read");
+    return kFailed;
+  }
+  print_entry(console, path.leaf(), entry->record());
+  return kDone;
+}
+
+}  // namespace
+
+int ls(const Console& console, const LsOptions& options) {
+  const auto path = catalog_path(options.root, options.path);
+  if (!path) return report_bad_path(console, options.path);
+  const cr_status_t status = check_directory(*path);
+  if (status == CR_STATUS_OK) return Listing(console, *path).run();
+  if (path->components.empty() || status != CR_STATUS_NOT_FOUND || names_directory(options.path)) {
+    report(console, path->full(), status, "no such directory");
+    return kFailed;
+  }
+  return list_file(console, *path);
+}
+
+}  // namespace cli

@@ -1,0 +1,124 @@
+#include "cli/row_faults.h"
+
+#include <fmt/format.h>
+#include <sqlite3.h>
+
+#include <cstdlib>
+#include <memory>
+
+#include "podb/sqlite_podb.h"
+#include "refhost/record.h"
+
+namespace cli {
+namespace {
+
+using Faults = std::vector<std::string>;
+
+struct DestroyRecord {
+  void operator()(_po_t* record) const { PODestroy(record); }
+};
+using Record = std::unique_ptr<_po_t, DestroyRecord>;
+
+struct FreeText {
+  void operator()(char* text) const { std::free(text); }
+};
+
+Record parsed(const std::string& text) {
+  Record record(POCreate());
+  if (record && POSetFromString(record.get(), text.c_str()) != 0) record.reset();
+  return record;
+}
+
+bool prints_as(const _po_t* record, const std::string& text) {
+  const std::unique_ptr<char, FreeText> printed(POToStringMalloced(record));
+  return printed != nullptr && text == printed.get();
+}
+
+const char* type_name(int type) {
+  switch (type) {
+    case SQLITE_INTEGER:
+      return "an integer";
+    case SQLITE_FLOAT:
+      return "a real number";
+    case SQLITE_TEXT:
+      return "text";
+    case SQLITE_BLOB:
+      return "a blob";
+    default:
+      return "NULL";
+  }
+}
+
+void check_text(const char* name, const RawColumn& column, Faults* faults) {
+  if (column.type != SQLITE_TEXT) {
+    faults->push_back(fmt::format("{} is {}, not text", name, type_name(column.type)));
+  } else if (column.bytes.find('\0') != std::string::npos) {
+    faults->push_back(fmt::format("{} holds a NUL byte", name));
+  }
+}
+
+// Whether the columns are what checksum and record can be computed from at all.
+Faults column_faults(const RawRow& row) {
+  Faults faults;
+  check_text("basename", row.basename, &faults);
+  check_text("poid", row.poid, &faults);
+  check_text("content", row.content, &faults);
+  if (row.crc_type != SQLITE_INTEGER) {
+    faults.push_back(fmt::format("crc is {}, not an integer", type_name(row.crc_type)));
+  }
+  return faults;
+}
+
+void check_name(const std::string& name, Faults* faults) {
+  if (name.empty()) faults->emplace_back("basename is empty");
+  if (name.find('/') != std::string::npos) faults->emplace_back("basename holds a '/'");
+  if (name == "." || name == "..") faults->emplace_back("basename is no name of a file");
+}
+
+void check_checksum(const RawRow& row, Faults* faults) {
+  const std::uint32_t computed = SQLitePODB::calculate_crc(
+      row.basename.bytes.c_str(), row.poid.bytes.c_str(), row.content.bytes.c_str());
+  if (row.crc == computed) return;
+  faults->push_back(fmt::format("the checksum is {}, not {}", computed, row.crc));
+}
+
+void check_poid(const RawRow& row, Faults* faults) {
+  const Record record = parsed(row.content.bytes);
+  if (record && row.poid.bytes != refhost::get_fields(record.get()).poid) {
+    faults->emplace_back("poid is not that of the record");
+  }
+}
+
+}  // namespace
+
+Faults row_faults(const RawRow& row) {
+  Faults faults = column_faults(row);
+  if (!faults.empty()) return faults;
+  check_name(row.basename.bytes, &faults);
+  check_checksum(row, &faults);
+  for (std::string& fault : record_faults(row.content.bytes, PO_TYPE_FILE)) {
+    faults.push_back(std::move(fault));
+  }
+  check_poid(row, &faults);
+  return faults;
+}
+
+Faults record_faults(const std::string& text, int type) {
+  if (text.find('\0') != std::string::npos) return {"the record holds a NUL byte"};
+  const Record record = parsed(text);
+  if (!record || !prints_as(record.get(), text)) return {"the record does not parse"};
+  const refhost::RecordFields fields = refhost::get_fields(record.get());
+  Faults faults;
+  if (fields.type != type) {
+    faults.push_back(fmt::format("the record's type is {}, not {}", fields.type, type));
+  }
+  if (fields.dsid != 0 || !fields.directory.empty() || !fields.leaf.empty()) {
+    faults.emplace_back("the record holds a location");
+  }
+  if (type == PO_TYPE_FILE && !fields.poid.empty() && !POIDStringValidate(fields.poid.c_str())) {
+    faults.emplace_back("the record's POID is not valid");
+  }
+  return faults;
+}
+
+}  // namespace cli

@@ -1,0 +1,32 @@
+// What can be wrong with what is stored about one entry.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace cli {
+
+// A column as SQLite stores it.
+struct RawColumn {
+  int type;  // SQLITE_TEXT, ...
+  std::string bytes;
+};
+
+// A row of the table of entries as it is stored.
+struct RawRow {
+  std::int64_t rowid;
+  RawColumn basename;
+  RawColumn poid;
+  RawColumn content;
+  int crc_type;
+  std::int64_t crc;
+};
+
+// One text for each thing that is wrong; none for a sound row.
+std::vector<std::string> row_faults(const RawRow& row);
+
+// The same for a record's text form, which is to be of the given type and without a location.
+std::vector<std::string> record_faults(const std::string& text, int type);
+
+}  // namespace cli

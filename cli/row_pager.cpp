@@ -1,0 +1,80 @@
+#include "cli/row_pager.h"
+
+#include <unordered_map>
+#include <utility>
+
+#include "base/sql_text.h"
+
+namespace cli {
+namespace {
+
+constexpr unsigned long kPage = 512;
+
+// A damaged name must not stop the walk or send it in circles: a blob is greater than every text,
+// and a text with a NUL in it reads back shorter than it compares.
+constexpr const char* kNamed =
+    "(typeof(basename) = 'text' AND basename <> ''"
+    " AND instr(CAST(basename AS BLOB), x'00') = 0 AND instr(CAST(basename AS BLOB), x'2F') = 0)";
+
+std::string quoted(const std::string& name) { return "'" + base::sql_escaped(name) + "'"; }
+
+using Entries = std::unordered_map<std::string, boost::intrusive_ptr<PO>>;
+
+cr_status_t read_range(SQLitePODB* db, const std::string& first, const std::string& last,
+                       Entries* entries) {
+  QueryParams range;
+  range.where =
+      std::string(kNamed) + " AND basename BETWEEN " + quoted(first) + " AND " + quoted(last);
+  POQueue found;
+  const cr_status_t status = db->select(range, nullptr, &found);
+  for (const auto& entry : found) entries->emplace(POGetBasename(entry->record()), entry);
+  return status;
+}
+
+}  // namespace
+
+const Row* RowPager::next() {
+  if (position_ == page_.size() && !fill()) return nullptr;
+  return &page_[position_++];
+}
+
+bool RowPager::fill() {
+  if (last_page_) return false;
+  status_ = db_.check_db_existence(false);
+  if (status_ == CR_STATUS_OK)
+    status_ = read_page();
+  else
+    page_.clear();
+  position_ = 0;
+  last_page_ = status_ != CR_STATUS_OK || page_.size() < kPage;
+  if (status_ == CR_STATUS_NOT_FOUND) status_ = CR_STATUS_OK;  // no database: no rows
+  return !page_.empty();
+}
+
+cr_status_t RowPager::read_page() {
+  std::string where = kNamed;
+  if (!page_.empty()) where += " AND basename > " + quoted(page_.back().name);
+  page_.clear();
+  std::vector<std::string> names;
+  const cr_status_t listed = db_.select_basenames(&names, where, ORDER_ASCENDING, kPage);
+  if (listed != CR_STATUS_OK || names.empty()) return listed;
+  Entries entries;
+  const cr_status_t status = read_range(&db_, names.front(), names.back(), &entries);
+  if (status != CR_STATUS_OK) return status;
+  for (std::string& name : names) {
+    const auto found = entries.find(name);
+    page_.push_back({std::move(name), found == entries.end() ? nullptr : found->second});
+  }
+  return CR_STATUS_OK;
+}
+
+bool RowPager::has_nameless_rows() {
+  if (db_.check_db_existence(false) != CR_STATUS_OK) return false;
+  std::vector<std::string> names;
+  // A name that is NULL fails the query: that is one, too.
+  return db_.select_basenames(&names, std::string("NOT ") + kNamed, ORDER_NONE, 1) !=
+             CR_STATUS_OK ||
+         !names.empty();
+}
+
+}  // namespace cli

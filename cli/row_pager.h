@@ -1,0 +1,44 @@
+// The rows of a directory's database, page by page.
+#pragma once
+
+#include <boost/smart_ptr/intrusive_ptr.hpp>
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "cli/catalog.h"
+#include "podb/sqlite_podb.h"
+
+namespace cli {
+
+struct Row {
+  std::string name;
+  boost::intrusive_ptr<PO> entry;  // null when the row is damaged
+};
+
+// Walks a directory's rows in order of their names. Holds one page of rows, and no lock between two
+// pages: whoever writes meanwhile does not wait, and what is written is seen from the next page on.
+// A directory without a database has no rows.
+class RowPager {
+ public:
+  explicit RowPager(const CatalogPath& directory) : db_(directory.root, directory.full()) {}
+
+  // The next row, null after the last one or when `status` is not 0. It lives until the next call.
+  const Row* next();
+  cr_status_t status() const { return status_; }
+
+  // Whether there are rows that the walk passes over: their names are none.
+  bool has_nameless_rows();
+
+ private:
+  bool fill();
+  cr_status_t read_page();
+
+  SQLitePODB db_;
+  std::vector<Row> page_;
+  std::size_t position_ = 0;
+  bool last_page_ = false;
+  cr_status_t status_ = CR_STATUS_OK;
+};
+
+}  // namespace cli
