@@ -96,8 +96,7 @@ cr_status_t DsInfoRun::join(bool alone) {
   const cr_status_t status = read_dsinfo(root_, dsid_, &info);
   const bool unknown = status == CR_STATUS_NOT_FOUND || status == CR_STATUS_BAD_RECORD;
   if (status != CR_STATUS_OK && !(unknown && alone)) return status;
-  recounted_ = alone && (unknown || info.open_runs != 0);
-  if (recounted_) recount(unknown, &info);
+  if (alone && (unknown || info.open_runs != 0)) recount(unknown, &info);
   ++info.open_runs;
   return write(info);
 }
@@ -105,6 +104,7 @@ cr_status_t DsInfoRun::join(bool alone) {
 void DsInfoRun::recount(bool unknown, DsInfo* info) {
   ds_info_t counted{};
   count_status_ = count_data_store(root_, dsid_, &counted);
+  recounted_ = !unknown || counted.dir_count != 0 || count_status_ != CR_STATUS_OK;
   const bool complete = count_status_ == CR_STATUS_OK;
   if (complete || unknown) info->counters = counted;
   if (complete || unknown) info->open_runs = complete ? 0 : 1;

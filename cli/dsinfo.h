@@ -43,15 +43,12 @@ void add_counters(ds_info_t* sum, const ds_info_t& delta);
 // itself alone with such a file counts the data store anew.
 class DsInfoRun {
  public:
-  DsInfoRun() = default;
-  DsInfoRun(DsInfoRun&&) = default;
-  DsInfoRun& operator=(DsInfoRun&&) = default;
-
   // The directory ROOT/<dsid> exists. Waits while another run counts.
   cr_status_t open(const std::string& root, unsigned int dsid);
 
   // Whether opening had to count what was there, because the counters could not be trusted or were
-  // missing; and the status of that. While not everything can be counted, every first run tries.
+  // missing from a data store that is not new; and the status of that. While not everything can be
+  // counted, every first run tries.
   bool recounted() const { return recounted_; }
   cr_status_t count_status() const { return count_status_; }
 

@@ -1,0 +1,186 @@
+#include "cli/ingest.h"
+
+#include <chrono>
+#include <filesystem>
+#include <ostream>
+#include <system_error>
+
+#include "cli/catalog.h"
+#include "cli/dir_lock.h"
+#include "cli/dir_record.h"
+#include "cli/dsinfo.h"
+#include "cli/ingest_dir.h"
+#include "cli/ingest_report.h"
+#include "cli/progress.h"
+#include "cli/stop_signal.h"
+#include "cli/tree_walk.h"
+#include "host/files.h"
+
+namespace cli {
+namespace {
+
+bool is_catalog_name(const std::string& name) {
+  return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos &&
+         !is_reserved_name(name) && name != kDsInfoLockFile;
+}
+
+bool find_id(const std::string& path, FileId* id) {
+  struct stat found {};
+  if (wa_stat(path.c_str(), &found) != CR_STATUS_OK) return false;
+  *id = id_of(found);
+  return true;
+}
+
+// One run: from the examined options to the summary.
+class Ingest {
+ public:
+  Ingest(const Console& console, const IngestOptions& options)
+      : console_(console), options_(options), progress_(console) {
+    job_.root = absolute_root(options.root);
+    job_.dsid = options.dsid;
+    job_.delete_missing = options.delete_missing;
+    job_.with_content = options.with_content;
+    job_.stop = &stop_.requested();
+    job_.progress = &progress_;
+  }
+
+  int run();
+
+ private:
+  bool find_source();
+  int make_catalog();
+  bool source_lies_in_catalog() const;
+  int update_data_store();
+  cr_status_t make_client_directory();
+  void walk();
+  void take(IngestOutcome&& outcome);
+  int finish();
+  int failed(const std::string& path, cr_status_t status, const std::string& text) const;
+
+  std::string data_store() const { return data_store_directory(job_.root, job_.dsid); }
+  std::string client_directory() const { return data_store() + "/" + options_.client; }
+
+  const Console& console_;
+  const IngestOptions& options_;
+  const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+  const StopSignal stop_;
+  Progress progress_;
+  IngestJob job_;
+  DirectoryTask top_;
+  DsInfoRun account_;
+  IngestCounts counts_;
+  bool stopped_ = false;
+};
+
+int Ingest::failed(const std::string& path, cr_status_t status, const std::string& text) const {
+  report(console_, path, status, text);
+  return kFailed;
+}
+
+int Ingest::run() {
+  if (!find_source()) return failed(options_.source, CR_STATUS_NOT_FOUND, "is no directory");
+  const int made = make_catalog();
+  return made != kDone ? made : update_data_store();
+}
+
+// The user named SOURCE, so a symbolic link there is followed; none is further down.
+bool Ingest::find_source() {
+  std::error_code failure;
+  top_.source = std::filesystem::canonical(options_.source, failure).string();
+  return !failure && wa_isdir(top_.source.c_str()) && find_id(top_.source, &top_.id);
+}
+
+int Ingest::make_catalog() {
+  if (source_lies_in_catalog()) {
+    console_.err << "pocatalog: " << printable(options_.source) << ": lies in the catalog\n";
+    return kUsage;
+  }
+  const cr_status_t status = wa_createtree(data_store().c_str(), 0700);
+  if (status != CR_STATUS_OK) return failed(data_store(), status, "cannot be made");
+  for (const std::string& directory : {job_.root, data_store()}) {
+    FileId id{};
+    if (!find_id(directory, &id)) return failed(directory, CR_STATUS_FAILED, "cannot be examined");
+    job_.catalog.push_back(id);
+  }
+  top_.catalog = client_directory() + "/" + options_.policy;
+  return kDone;
+}
+
+// By identity, not by name: the root may be mounted, or linked to, in several places.
+bool Ingest::source_lies_in_catalog() const {
+  FileId root{};
+  if (!find_id(job_.root, &root)) return false;
+  FileId above{};
+  for (std::filesystem::path path = top_.source;; path = path.parent_path()) {
+    if (find_id(path.string(), &above) && above == root) return true;
+    if (path == path.root_path()) return false;
+  }
+}
+
+int Ingest::update_data_store() {
+  const std::string directory = data_store();
+  cr_status_t status = account_.open(job_.root, job_.dsid);
+  if (status != CR_STATUS_OK) return failed(directory, status, "its counters cannot be used");
+  if (account_.recounted()) {
+    report(console_, directory, account_.count_status(),
+           "the counters were not to be trusted, and were counted anew");
+  }
+  status = make_client_directory();
+  if (status == CR_STATUS_OK) walk();
+  const cr_status_t closed = account_.close();
+  progress_.clear();
+  if (status != CR_STATUS_OK) return failed(client_directory(), status, "cannot be made");
+  if (closed != CR_STATUS_OK) {
+    return failed(directory, closed, "its counters cannot be written; the next run counts anew");
+  }
+  return finish();
+}
+
+cr_status_t Ingest::make_client_directory() {
+  DirLock lock;
+  cr_status_t status = lock.lock_or_create(data_store(), client_directory());
+  IngestOutcome outcome;
+  if (status == CR_STATUS_OK) status = store_default_directory(job_, client_directory(), &outcome);
+  take(std::move(outcome));
+  return status;
+}
+
+void Ingest::walk() {
+  TreeWalk tree(top_);
+  DirectoryTask task;
+  while (!*job_.stop && tree.next(&task)) {
+    DirectoryResult result = ingest_directory(job_, task);
+    tree.enter(task, std::move(result.below));
+    take(std::move(result.outcome));
+  }
+  stopped_ = *job_.stop;
+}
+
+void Ingest::take(IngestOutcome&& outcome) {
+  if (!outcome.problems.empty()) progress_.clear();
+  report_problems(console_, outcome.problems);
+  counts_.add(outcome.counts);
+  account_.add(outcome.delta);
+}
+
+int Ingest::finish() {
+  const std::chrono::duration<double> spent = std::chrono::steady_clock::now() - start_;
+  print_summary(console_, counts_, spent.count());
+  if (stopped_) {
+    return failed(top_.source, CR_STATUS_OK, "stopped by a signal; the rest was not looked at");
+  }
+  return counts_.not_done != 0 ? kIncomplete : kDone;
+}
+
+}  // namespace
+
+int ingest(const Console& console, const IngestOptions& options) {
+  for (const std::string& name : {options.client, options.policy}) {
+    if (is_catalog_name(name)) continue;
+    console.err << "pocatalog: \"" << printable(name) << "\" cannot be the name of a directory\n";
+    return kUsage;
+  }
+  return Ingest(console, options).run();
+}
+
+}  // namespace cli

@@ -1,0 +1,24 @@
+// pocatalog ingest: a directory tree becomes a part of a catalog.
+#pragma once
+
+#include <string>
+
+#include "cli/command.h"
+
+namespace cli {
+
+struct IngestOptions {
+  std::string source;
+  std::string root;
+  unsigned int dsid = 0;  // 1 and above
+  std::string client;
+  std::string policy;
+  bool delete_missing = false;
+  bool with_content = true;
+};
+
+// SOURCE itself becomes ROOT/dsid/client/policy. SIGINT and SIGTERM end it after the directory in
+// work, which is left as it was; the run can be repeated.
+int ingest(const Console& console, const IngestOptions& options);
+
+}  // namespace cli

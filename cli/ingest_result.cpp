@@ -1,0 +1,40 @@
+#include "cli/ingest_result.h"
+
+#include <cerrno>
+#include <iterator>
+#include <system_error>
+#include <utility>
+
+#include "cli/catalog.h"
+#include "cli/dsinfo.h"
+
+namespace cli {
+
+Problem os_problem(const std::string& path, const std::string& text) {
+  const std::string reason = std::generic_category().message(errno);
+  return {path, status_of_errno("ingest"), text + ": " + reason};
+}
+
+void IngestCounts::add(const IngestCounts& other) {
+  for (const auto counter :
+       {&IngestCounts::added, &IngestCounts::replaced, &IngestCounts::unchanged,
+        &IngestCounts::removed, &IngestCounts::directories, &IngestCounts::removed_directories,
+        &IngestCounts::mended, &IngestCounts::not_done, &IngestCounts::bytes}) {
+    this->*counter += other.*counter;
+  }
+  for (std::size_t kind = 0; kind < kSkippedKinds; ++kind) skipped[kind] += other.skipped[kind];
+}
+
+void IngestOutcome::add(IngestOutcome&& other) {
+  counts.add(other.counts);
+  add_counters(&delta, other.delta);
+  problems.insert(problems.end(), std::make_move_iterator(other.problems.begin()),
+                  std::make_move_iterator(other.problems.end()));
+}
+
+void IngestOutcome::not_done(Problem problem) {
+  ++counts.not_done;
+  problems.push_back(std::move(problem));
+}
+
+}  // namespace cli

@@ -1,0 +1,44 @@
+#include "cli/progress.h"
+
+#include <fmt/format.h>
+
+#include <ostream>
+
+namespace cli {
+namespace {
+
+constexpr std::chrono::milliseconds kInterval(200);
+constexpr double kMebibyte = 1024.0 * 1024.0;
+constexpr const char* kEraseLine = "\r\x1b[K";
+
+}  // namespace
+
+Progress::Progress(const Console& console)
+    : console_(console), start_(Clock::now()), drawn_(start_) {}
+
+void Progress::entry(std::uint64_t bytes) {
+  ++entries_;
+  bytes_ += bytes;
+  if (!console_.progress) return;
+  const std::unique_lock<std::mutex> lock(drawing_, std::try_to_lock);
+  if (!lock.owns_lock()) return;
+  const Clock::time_point now = Clock::now();
+  if (now - drawn_ >= kInterval) draw(now);
+}
+
+void Progress::draw(Clock::time_point now) {
+  drawn_ = now;
+  const double seconds = std::chrono::duration<double>(now - start_).count();
+  const double mebibytes = static_cast<double>(bytes_) / kMebibyte;
+  console_.err << fmt::format("{}{} entries, {:.1f} MiB, {:.1f} MiB/s", kEraseLine, entries_.load(),
+                              mebibytes, mebibytes / seconds)
+               << std::flush;
+}
+
+void Progress::clear() {
+  if (!console_.progress) return;
+  const std::lock_guard<std::mutex> lock(drawing_);
+  console_.err << kEraseLine << std::flush;
+}
+
+}  // namespace cli
