@@ -37,7 +37,7 @@ cr_status_t read(UDCIDRecord& record, const std::string& hex) {
 std::string hex_of(UDCIDRecord& record) {
   std::string text(32 * std::size_t{record.ndcid} + 25, '?');
   EXPECT_EQ(record.toString(text.data(), static_cast<unsigned int>(text.size())), CR_STATUS_OK);
-  return text.c_str();
+  return text.substr(0, text.find('\0'));
 }
 
 class UdcidRecord : public testing::Test {
@@ -127,7 +127,7 @@ TEST_F(UdcidRecord, lists_the_distinct_containers_of_the_statistics) {
   const Numbers given = {300, 64, 300, 63};
   _cr_stat_t stat = {3, given.data()};
   const UDCIDRecord record(&stat);
-  EXPECT_EQ(Numbers(record.dcids, record.dcids + 2 * record.ndcid), (Numbers{64, 300, 0, 0}));
+  EXPECT_EQ(Numbers(record.dcids, record.dcids + 4), (Numbers{64, 300, 0, 0}));
   ++stat.so_count;
   EXPECT_THROW(UDCIDRecord{&stat}, Cr_ErrnoException);
   log.expect_error(CR_STATUS_BAD_ARG, "UDCIDRecord: Invalid DCID 63 at index 3.");
