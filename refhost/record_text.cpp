@@ -93,7 +93,6 @@ bool decode(std::string_view text, std::string& out) {
   while (!text.empty()) {
     const char c = text.front();
     text.remove_prefix(1);
-    if (c == '\0') return false;
     if (c != '%') {
       out += c;
     } else if (!take_escape(text, out)) {
