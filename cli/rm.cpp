@@ -134,7 +134,8 @@ class DirectoryRemoval : public Removal {
       return {CR_STATUS_NOT_EMPTY, "not removed: it is a data store"};
     }
     std::unique_ptr<DirPO> entry;
-    const Refusal found = entry_refusal(read_directory(path_, &entry), entry.get());
+    const cr_status_t status = read_directory(path_, &entry);
+    const Refusal found = entry_refusal(status, entry.get());
     return found.text.empty() ? content_refusal(path_) : found;
   }
 

@@ -9,18 +9,18 @@ namespace cli {
 
 // A column as SQLite stores it.
 struct RawColumn {
-  int type;  // SQLITE_TEXT, ...
+  int type = 0;  // SQLITE_TEXT, ...
   std::string bytes;
 };
 
 // A row of the table of entries as it is stored.
 struct RawRow {
-  std::int64_t rowid;
+  std::int64_t rowid = 0;
   RawColumn basename;
   RawColumn poid;
   RawColumn content;
-  int crc_type;
-  std::int64_t crc;
+  int crc_type = 0;
+  std::int64_t crc = 0;
 };
 
 // One text for each thing that is wrong; none for a sound row.

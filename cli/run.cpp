@@ -134,7 +134,7 @@ void declare_common(CLI::App& app, Request& request) {
   app.add_flag("--json", request.json, "Print one JSON object per line");
   app.add_flag("-v,--verbose", request.verbose, "Print the library's log lines, too");
   app.add_option("--log", request.log_file, "Append the library's log lines to this file");
-  app.require_subcommand(1);
+  app.require_subcommand(0, 1);  // an unknown one is named, that way
   app.fallthrough();  // the common options may stand behind the subcommand, too
 }
 
@@ -171,7 +171,9 @@ int parse_and_run(int argc, const char* const* argv, std::ostream& out, std::ost
   } catch (const CLI::ParseError& error) {
     return app.exit(error, out, err) == 0 ? kDone : kUsage;
   }
-  return run_action(request, out, err);
+  if (request.action) return run_action(request, out, err);
+  err << "A subcommand is required.\nRun with --help for more information.\n";
+  return kUsage;
 }
 
 }  // namespace

@@ -7,13 +7,15 @@ constexpr Utf8Character kInvalid{false, 0, 1};
 
 // How a character of a given length begins, and the least value that needs this length.
 struct Form {
-  unsigned char mask;
-  unsigned char lead;
   std::size_t length;
   char32_t least;
+  unsigned char mask;
+  unsigned char lead;
 };
-constexpr Form kForms[] = {
-    {0x80, 0x00, 1, 0x0}, {0xe0, 0xc0, 2, 0x80}, {0xf0, 0xe0, 3, 0x800}, {0xf8, 0xf0, 4, 0x10000}};
+constexpr Form kForms[] = {{1, 0x0, 0x80, 0x00},
+                           {2, 0x80, 0xe0, 0xc0},
+                           {3, 0x800, 0xf0, 0xe0},
+                           {4, 0x10000, 0xf8, 0xf0}};
 
 bool is_scalar(char32_t code_point) {
   return code_point <= 0x10ffff && (code_point < 0xd800 || code_point > 0xdfff);

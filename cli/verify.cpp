@@ -74,8 +74,10 @@ class Verification {
   }
 
   static std::string entry_fault(const CatalogPath& directory, const DirEntry& entry) {
-    const bool is_directory = entry.kind == EntryKind::directory;
-    if (is_directory) {
+    const bool examined_itself =
+        entry.name == DirPO::recordfilename() || entry.name == SQLitePODB::dbfilename();
+    if (examined_itself) return "";
+    if (entry.kind == EntryKind::directory) {
       return is_reserved_name(entry.name) ? "is a directory where a file of the catalog belongs"
                                           : "";
     }
@@ -88,8 +90,9 @@ class Verification {
   // A file with one of the catalog's own names, in a place where it means nothing.
   static std::string misplaced_fault(const CatalogPath& directory, const std::string& name) {
     const bool of_data_store = name == kDsInfoFile || name == kDsInfoLockFile;
-    if (of_data_store && directory.components.size() != 1)
-      return "is not in a data store's directory";
+    if (of_data_store) {
+      return directory.components.size() == 1 ? "" : "is not in a data store's directory";
+    }
     const std::size_t suffix = name.find(".db-");
     if (suffix == std::string::npos) return "";
     const std::string database = name.substr(0, suffix) + ".db";
