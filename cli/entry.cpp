@@ -25,6 +25,10 @@ cr_status_t read_directory(const CatalogPath& path, std::unique_ptr<DirPO>* entr
   if (!path.dsid()) return CR_STATUS_NOT_FOUND;
   const cr_status_t reachable = check_directory(path);
   if (reachable != CR_STATUS_OK) return reachable;
+  // A link or a pipe in the record's place is not for reading: that might never end.
+  struct stat record = {};
+  const std::string file = path.child(DirPO::recordfilename()).full();
+  if (lstat(file.c_str(), &record) == 0 && !S_ISREG(record.st_mode)) return CR_STATUS_BAD_RECORD;
   auto found = std::make_unique<DirPO>(*path.dsid());
   const auto status = static_cast<cr_status_t>(found->load(path.root, path.full()));
   if (status != CR_STATUS_OK) return status;

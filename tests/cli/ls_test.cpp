@@ -97,6 +97,8 @@ TEST_F(ListTest, WhatIsNotThereOrMakesNoSenseFailsWithALine) {
   add_file("damaged");
   sql("UPDATE po SET crc = 0");
   std::filesystem::create_directory_symlink(full("5"), full("6"));
+  std::filesystem::create_directory(full(image_) + "/endless");
+  std::filesystem::create_symlink("/dev/zero", full(image_) + "/endless/__dirpo__");
   struct Case {
     std::vector<std::string> arguments;
     int status;
@@ -111,6 +113,8 @@ TEST_F(ListTest, WhatIsNotThereOrMakesNoSenseFailsWithALine) {
       {{"verify", root_ + "/none"}, cli::kFailed, "no such catalog"},
       {{"show", root_, image_ + "/none"}, cli::kFailed, "no such entry"},
       {{"show", root_, image_ + "/damaged"}, cli::kFailed, "(status -1"},
+      {{"show", root_, image_ + "/endless"}, cli::kFailed, "(status 103"},
+      {{"ls", root_, image_}, cli::kInconsistent, ""},
       {{"show", root_, "/"}, cli::kUsage, "not a path"},
       {{"ls", root_, "5/../5"}, cli::kUsage, "not a path"},
       {{"ls", root_, "05/client"}, cli::kUsage, "not a path"},
