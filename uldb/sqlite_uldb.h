@@ -148,7 +148,10 @@ class POCATALOG_API SQLiteULDB {
   cr_status_t get_all_imp(Callback cb);
   void log_absent(const char* poid);
   void remove_corrupt(const char* poid);
-  cr_status_t end_transaction(const char* sql);
+  cr_status_t end_transaction(const char* verb, const char* sql);
+  void log_transaction(const char* verb, cr_status_t status);
+  void close_handle();
+  int run_sql(const char* operation, const char* sql);
   bool recovered();
 
   bool recovering = false;  // a recovery that fails on its way does not start another

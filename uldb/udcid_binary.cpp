@@ -10,18 +10,13 @@ static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "lists are stored as th
 
 namespace {
 
-// The binary form: version, reserved and count, then the list, then the checksum.
 constexpr std::size_t kReservedAt = 2;
 constexpr std::size_t kCountAt = 4;
-constexpr std::size_t kListAt = 8;
-constexpr std::size_t kChecksumSize = 4;
-constexpr std::uint64_t kFrameSize = kListAt + kChecksumSize;
 constexpr std::uint64_t kOldEntrySize = 4;
 constexpr std::uint16_t kOldVersion = 1;
 constexpr std::uint16_t kVersion = 2;
 
-std::uint64_t binary_size(std::uint32_t n) { return kFrameSize + udcid_list_size(n); }
-std::uint64_t text_size(std::uint32_t n) { return 2 * binary_size(n) + 1; }
+std::uint64_t text_size(std::uint32_t n) { return 2 * udcid_binary_size(n) + 1; }
 
 template <typename Number>
 void put_number(unsigned char* bytes, Number number) {
@@ -46,8 +41,8 @@ cr_status_t refuse_binary_size(unsigned int size) {
 
 cr_status_t check_binary(const unsigned char* buf, unsigned int size) {
   if (buf == nullptr) return refuse_null_buffer("Deserialize");
-  if (size < kChecksumSize) return refuse_binary_size(size);
-  const std::size_t summed = size - kChecksumSize;
+  if (size < kUdcidChecksumSize) return refuse_binary_size(size);
+  const std::size_t summed = size - kUdcidChecksumSize;
   const std::uint32_t calculated = base::adler32(base::kAdler32Start, buf, summed);
   const auto expected = number_at<std::uint32_t>(buf + summed);
   if (calculated != expected) {
@@ -56,10 +51,10 @@ cr_status_t check_binary(const unsigned char* buf, unsigned int size) {
     return CR_STATUS_BAD_DATA;
   }
   // A matching checksum does not make the count true.
-  if (size < kFrameSize) return refuse_binary_size(size);
+  if (size < kUdcidFrameSize) return refuse_binary_size(size);
   const bool old = number_at<std::uint16_t>(buf) == kOldVersion;
   const std::uint64_t entries = number_at<std::uint32_t>(buf + kCountAt);
-  const std::uint64_t needed = kFrameSize + entries * (old ? kOldEntrySize : kUdcidEntrySize);
+  const std::uint64_t needed = kUdcidFrameSize + entries * (old ? kOldEntrySize : kUdcidEntrySize);
   return size < needed ? refuse_binary_size(size) : CR_STATUS_OK;
 }
 
@@ -77,15 +72,15 @@ cr_status_t UDCIDRecord::Serialize(unsigned char* buf, unsigned int& size) {
     ErrorA(CR_STATUS_BAD_ARG, "%s: dcids is NULL!", "Serialize");
     return CR_STATUS_BAD_ARG;
   }
-  const std::uint64_t needed = binary_size(ndcid);
+  const std::uint64_t needed = udcid_binary_size(ndcid);
   if (size < needed) return refuse_small_buffer("Serialize", size, needed);
   put_number(buf, version);
   put_number(buf + kReservedAt, reserved);
   put_number(buf + kCountAt, ndcid);
   if (ndcid > 0) {
-    std::memcpy(buf + kListAt, static_cast<const void*>(dcids), udcid_list_size(ndcid));
+    std::memcpy(buf + kUdcidListAt, static_cast<const void*>(dcids), udcid_list_size(ndcid));
   }
-  const std::size_t summed = needed - kChecksumSize;
+  const std::size_t summed = needed - kUdcidChecksumSize;
   put_number(buf + summed, base::adler32(base::kAdler32Start, buf, summed));
   size = static_cast<unsigned int>(needed);
   return CR_STATUS_OK;
@@ -102,11 +97,11 @@ cr_status_t UDCIDRecord::Deserialize(unsigned char* buf, unsigned int size) {
   if (dcids == nullptr && ndcid > 0) return CR_STATUS_NO_MEMORY;
   owns_buffer = true;
   if (version == kOldVersion) {
-    widen_old_list(dcids, buf + kListAt, ndcid);
+    widen_old_list(dcids, buf + kUdcidListAt, ndcid);
     version = kVersion;
     if (TraceOn()) __Trace("Old version 1 of UDCID record, converted to version 2");
   } else if (ndcid > 0) {
-    std::memcpy(dcids, buf + kListAt, udcid_list_size(ndcid));
+    std::memcpy(dcids, buf + kUdcidListAt, udcid_list_size(ndcid));
   }
   return CR_STATUS_OK;
 }
@@ -115,7 +110,7 @@ cr_status_t UDCIDRecord::toString(char* buf, unsigned int size) {
   if (buf == nullptr) return refuse_null_buffer("toString");
   const std::uint64_t needed = text_size(ndcid);
   if (size < needed) return refuse_small_buffer("toString", size, needed);
-  auto bytes = static_cast<unsigned int>(binary_size(ndcid));
+  auto bytes = static_cast<unsigned int>(udcid_binary_size(ndcid));
   auto* binary = reinterpret_cast<unsigned char*>(buf) + (size - bytes);
   const cr_status_t status = Serialize(binary, bytes);
   if (status != CR_STATUS_OK) return status;

@@ -5,7 +5,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <limits>
 #include <set>
 
 #include "host/log.h"
@@ -15,12 +14,6 @@ namespace {
 
 // Identifiers below this are never given to a container.
 constexpr std::uint64_t kFirstDcid = 64;
-
-// As the 32 bits that the texts about memory print; the largest number stands for all beyond.
-unsigned int printable_size(std::uint64_t size) {
-  constexpr std::uint64_t kLargest = std::numeric_limits<unsigned int>::max();
-  return static_cast<unsigned int>(std::min(size, kLargest));
-}
 
 std::uint64_t* list_or_throw(std::uint32_t n) {
   std::uint64_t* list = allocated_udcid_list("UDCIDRecord", n);

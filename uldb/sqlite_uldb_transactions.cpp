@@ -1,0 +1,41 @@
+// Transactions.
+#include "host/log.h"
+#include "sqlitedb/failure_internal.h"
+#include "uldb/sqlite_uldb.h"
+
+cr_status_t SQLiteULDB::begin_transaction() {
+  const cr_status_t opened = check_db_existence(true);
+  if (opened != CR_STATUS_OK) return opened;
+  const cr_status_t status = db_exec("BEGIN IMMEDIATE TRANSACTION");
+  if (status == CR_STATUS_OK) transaction_active = true;
+  log_transaction("begin", status);
+  return status;
+}
+
+cr_status_t SQLiteULDB::commit_transaction() {
+  const cr_status_t opened = check_db_existence(true);
+  return opened != CR_STATUS_OK ? opened : end_transaction("commit", "COMMIT TRANSACTION");
+}
+
+cr_status_t SQLiteULDB::rollback_transaction() {
+  const cr_status_t opened = check_db_existence(true);
+  if (opened != CR_STATUS_OK) return opened;
+  if (transaction_active) return end_transaction("rollback", "ROLLBACK TRANSACTION");
+  InfoA(CR_STATUS_OK, "%s: DB[%s] transaction is not active, skipped rollback operation.",
+        "rollback_transaction", dbfile_path.c_str());
+  return CR_STATUS_OK;
+}
+
+cr_status_t SQLiteULDB::end_transaction(const char* verb, const char* sql) {
+  const cr_status_t status = sqlitedb::retry_while_busy([&] { return db_exec(sql); });
+  if (status == CR_STATUS_OK) transaction_active = false;
+  log_transaction(verb, status);
+  return status;
+}
+
+void SQLiteULDB::log_transaction(const char* verb, cr_status_t status) {
+  InfoA(status, "%s_transaction: DB[%s] %s transaction (%s).", verb, dbfile_path.c_str(), verb,
+        CRStatusToStringA(status));
+}
+
+bool SQLiteULDB::is_transaction_active() const { return transaction_active; }

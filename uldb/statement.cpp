@@ -1,0 +1,82 @@
+#include "uldb/statement_internal.h"
+
+#include <cstring>
+#include <new>
+
+#include "host/log.h"
+#include "uldb/sqlite_uldb_internal.h"
+
+cr_status_t decode(const Blob& blob, std::unique_ptr<UDCIDRecord>& record) {
+  record.reset(new (std::nothrow) UDCIDRecord);
+  if (record == nullptr) return CR_STATUS_NO_MEMORY;
+  // Deserialize only reads.
+  auto* bytes = const_cast<unsigned char*>(blob.bytes);
+  const cr_status_t status = record->Deserialize(bytes, blob.size);
+  if (status != CR_STATUS_OK) record.reset();
+  return status;
+}
+
+Statement::Statement(sqlite3* connection, const std::string& path, const StatementTexts& texts)
+    : db_(connection), path_(path), texts_(texts) {}
+
+cr_status_t Statement::prepare() {
+  sqlite3_stmt* made = nullptr;
+  judged_ = sqlite3_prepare_v2(db_, texts_.sql, -1, &made, nullptr);
+  statement_.reset(made);
+  return judged_ == SQLITE_OK ? CR_STATUS_OK : failed(judged_, texts_.prepare, texts_.sql);
+}
+
+cr_status_t Statement::bind_poid(const char* poid) {
+  const int rc = sqlite3_bind_text(statement_.get(), 1, poid, -1, SQLITE_STATIC);
+  return rc == SQLITE_OK ? CR_STATUS_OK : failed(rc, "bind poid ", poid);
+}
+
+cr_status_t Statement::bind_blob(const Blob& stored) {
+  const int rc = sqlite3_bind_blob(statement_.get(), 2, stored.bytes, static_cast<int>(stored.size),
+                                   SQLITE_STATIC);
+  if (rc == SQLITE_OK) return CR_STATUS_OK;
+  ErrorA(failure_status(rc), "%s: DB[%s] failed to bind blob (%s).", texts_.operation,
+         path_.c_str(), sqlite3_errstr(rc));
+  return failure_status(rc);
+}
+
+cr_status_t Statement::next_row() {
+  const int rc = sqlite3_step(statement_.get());
+  if (rc == SQLITE_ROW) return CR_STATUS_OK;
+  return rc == SQLITE_DONE ? CR_STATUS_NOT_FOUND : failed_step(rc);
+}
+
+cr_status_t Statement::finish() {
+  const int rc = sqlite3_step(statement_.get());
+  return rc == SQLITE_DONE ? CR_STATUS_OK : failed_step(rc);
+}
+
+cr_status_t Statement::failed_step(int rc) {
+  judged_ = rc;
+  return failed(rc, texts_.step, texts_.sql);
+}
+
+cr_status_t Statement::failed(int rc, const char* what, const char* subject) const {
+  const cr_status_t status = failure_status(rc);
+  ErrorA(status, "%s: DB[%s] failed to %s[%s] (%s).", texts_.operation, path_.c_str(), what,
+         subject, sqlite3_errstr(rc));
+  return status;
+}
+
+const char* Statement::text(int column) const {
+  if (sqlite3_column_type(statement_.get(), column) != SQLITE_TEXT) return nullptr;
+  const auto* found = reinterpret_cast<const char*>(sqlite3_column_text(statement_.get(), column));
+  const auto size = static_cast<std::size_t>(sqlite3_column_bytes(statement_.get(), column));
+  return found != nullptr && std::strlen(found) == size ? found : nullptr;
+}
+
+Blob Statement::blob(int column) const {
+  const void* bytes = sqlite3_column_blob(statement_.get(), column);
+  const int size = sqlite3_column_bytes(statement_.get(), column);
+  return {static_cast<const unsigned char*>(bytes), static_cast<unsigned int>(size)};
+}
+
+int Statement::finalize() {
+  statement_.reset();
+  return judged_;
+}

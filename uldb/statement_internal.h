@@ -1,0 +1,65 @@
+// One prepared statement of the store of DCID lists.
+#pragma once
+
+#include <sqlite3.h>
+
+#include <memory>
+#include <string>
+
+#include "host/status.h"
+#include "uldb/udcid_record.h"
+
+// What a statement does and how its failures read.
+struct StatementTexts {
+  const char* operation;
+  const char* sql;
+  const char* prepare;  // "failed to <this>[SQL]"
+  const char* step;
+};
+
+struct Blob {
+  const unsigned char* bytes;
+  unsigned int size;
+};
+
+// Makes the record of a binary form, or leaves `record` null.
+cr_status_t decode(const Blob& blob, std::unique_ptr<UDCIDRecord>& record);
+
+// Finalized on every way out. Failures are logged and mapped here. What is bound is not copied: it
+// outlives the statement's last step. Texts and blobs of a row live until the next step.
+class Statement {
+ public:
+  // `path` and `texts` outlive the statement.
+  Statement(sqlite3* connection, const std::string& path, const StatementTexts& texts);
+
+  cr_status_t prepare();
+  cr_status_t bind_poid(const char* poid);    // parameter 1
+  cr_status_t bind_blob(const Blob& stored);  // parameter 2
+
+  // 0 for a row, CR_STATUS_NOT_FOUND when there is no further one.
+  cr_status_t next_row();
+  // Runs a statement that has no rows.
+  cr_status_t finish();
+
+  // Null unless the column holds a text without NUL bytes in it.
+  const char* text(int column) const;
+  Blob blob(int column) const;
+
+  // Returns the code that says something about the database: that of a failed preparation or step,
+  // otherwise SQLITE_OK.
+  int finalize();
+
+ private:
+  struct Finalize {
+    void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
+  };
+
+  cr_status_t failed(int rc, const char* what, const char* subject) const;
+  cr_status_t failed_step(int rc);
+
+  sqlite3* const db_;
+  const std::string& path_;
+  const StatementTexts& texts_;
+  std::unique_ptr<sqlite3_stmt, Finalize> statement_;
+  int judged_ = SQLITE_OK;
+};
