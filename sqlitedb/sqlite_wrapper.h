@@ -1,4 +1,4 @@
-// The SQLite access layer: the exception of corruption and the connection.
+// The SQLite access layer: the exception of corruption, the connection and the replay of journals.
 #pragma once
 
 #include <string>
@@ -134,6 +134,13 @@ class POCATALOG_API sqlite3_wrapper {
   // Logs an SQLite failure and returns its mapped status; throws db_exception on corruption.
   cr_status_t on_db_error(int code);
 
+  // Runs statements on the connection, which exists, rows as in exec. Returns SQLite's result code,
+  // and its text for it in `error`. Throws what a row hook threw.
+  int run_statements(const std::string& sql, void* arg, std::string& error);
+
+  // Logs statements that failed with `code`, as `shown` in the log line, then as on_db_error.
+  cr_status_t on_statement_error(int code, const std::string& shown, const std::string& error);
+
   std::string dbfile;     // path of the database file
   sqlite3* db = nullptr;  // owned
   bool opened = false;    // set only when opening has fully succeeded
@@ -145,6 +152,43 @@ class POCATALOG_API sqlite3_wrapper {
   cr_status_t run_transaction_statement(const char* operation, const char* sql);
   static int exec_callback(void* context, int ncols, char** values, char** names);
   static int count_callback(void* out, int ncols, char** values, char** names);
+};
+
+// Replays journals: files of SQL, one statement on a line and each ending with ";".
+//
+// A journal is applied as one batch or line by line. Line by line only restores: lines that delete
+// or drop are left out, and a line that is not SQL is passed over. There is no transaction around a
+// replay unless the caller opened one, and a batch that fails half way has applied its first half
+// before the lines are applied: the statements must bear to be applied twice.
+//
+// A journal comes from elsewhere, so while one is replayed SQLite refuses to attach or detach
+// files, to load extensions and to run pragmas; such a statement fails like any other.
+class POCATALOG_API SQLiteApplyJournal : public sqlite3_wrapper {
+ public:
+  using sqlite3_wrapper::sqlite3_wrapper;
+  SQLiteApplyJournal(const SQLiteApplyJournal&) = delete;
+  SQLiteApplyJournal& operator=(const SQLiteApplyJournal&) = delete;
+  ~SQLiteApplyJournal() override;
+
+  // As the base's, but CR_STATUS_BAD_ARG for a syntax error, which is an everyday log line.
+  cr_status_t exec(const std::string& sql, void* arg) override;
+
+  // Replays a file. A file that cannot be opened counts as empty; one that cannot be read gives
+  // CR_STATUS_FAILED. Otherwise as exec_file_content.
+  cr_status_t exec_file(const std::string& file, bool whole_first) override;
+
+  // Replays `content`, the text of `file`: with `whole_first` as one batch, and line by line only
+  // when that meets a syntax error; otherwise line by line at once. The lines end at the last ";",
+  // where `content` is cut. Returns 0; CR_STATUS_BAD_ARG when there is no ";", or when lines with
+  // syntax errors were passed over; or the status of the line that stopped the replay, the lines
+  // before it applied. Throws db_exception on corruption.
+  cr_status_t exec_file_content(const std::string& file, std::string& content, bool whole_first);
+
+  // Logs statements that failed; CR_STATUS_BAD_ARG for a syntax error, otherwise as the base does.
+  cr_status_t on_db_error(int rc, const std::string& sql, const std::string& errtext);
+
+ private:
+  cr_status_t exec_lines(const std::string& file, const std::string& content);
 };
 
 }  // namespace sqlitedb

@@ -3,12 +3,11 @@
 
 #include <cstdlib>
 #include <exception>
-#include <fstream>
-#include <iterator>
 #include <memory>
 
 #include "host/log.h"
 #include "sqlitedb/failure_internal.h"
+#include "sqlitedb/sql_file_internal.h"
 #include "sqlitedb/sqlite_wrapper.h"
 
 namespace sqlitedb {
@@ -21,27 +20,6 @@ struct FreeBySQLite {
 using SQLiteText = std::unique_ptr<char, FreeBySQLite>;
 
 std::string error_text(const SQLiteText& text) { return text ? text.get() : "null"; }
-
-void log_failed_statement(const std::string& file, const std::string& sql, int rc,
-                          const std::string& error) {
-  const cr_status_t status = db_exception::dberr_to_crstatus(rc);
-  const std::string shown = shortened_for_log(sql);
-  // Waiting for another connection is everyday; the extended busy codes are not.
-  if (rc == SQLITE_BUSY) {
-    InfoA(status, "%s: [[[\"%s\"]]] (%d:%s) returns SQLITE_BUSY.", file.c_str(), shown.c_str(), rc,
-          error.c_str());
-  } else {
-    ErrorA(status, "%s: failed to execute [[[\"%s\"]]] (%d:%s)", file.c_str(), shown.c_str(), rc,
-           error.c_str());
-  }
-}
-
-// A file that cannot be opened reads as an empty text, intended.
-std::string content_of(const std::string& file) {
-  std::ifstream stream(file, std::ios::binary);
-  // The iterators let the exception of a failed read through, unlike the stream's own operators.
-  return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
-}
 
 }  // namespace
 
@@ -71,27 +49,41 @@ cr_status_t sqlite3_wrapper::exec(const std::string& sql, void* arg) {
   if (TraceOn()) {
     __Trace("Exec sql statement [[[%s]]] for %s", sql.c_str(), dbfile.c_str());
   }
+  std::string error;
+  const int rc = run_statements(sql, arg, error);
+  if (rc == SQLITE_OK) return CR_STATUS_OK;
+  return on_statement_error(rc, shortened_for_log(sql), error);
+}
+
+int sqlite3_wrapper::run_statements(const std::string& sql, void* arg, std::string& error) {
   exec_context context{this, arg, nullptr};
   char* text = nullptr;
   const int rc = sqlite3_exec(db, sql.c_str(), exec_callback, &context, &text);
-  const std::string error = error_text(SQLiteText(text));
+  error = error_text(SQLiteText(text));
   if (context.thrown) std::rethrow_exception(context.thrown);
-  if (rc == SQLITE_OK) return CR_STATUS_OK;
-  log_failed_statement(dbfile, sql, rc, error);
-  return on_db_error(rc);
+  return rc;
+}
+
+cr_status_t sqlite3_wrapper::on_statement_error(int code, const std::string& shown,
+                                                const std::string& error) {
+  const cr_status_t status = db_exception::dberr_to_crstatus(code);
+  // Waiting for another connection is everyday; the extended busy codes are not.
+  if (code == SQLITE_BUSY) {
+    InfoA(status, "%s: [[[\"%s\"]]] (%d:%s) returns SQLITE_BUSY.", dbfile.c_str(), shown.c_str(),
+          code, error.c_str());
+  } else {
+    ErrorA(status, "%s: failed to execute [[[\"%s\"]]] (%d:%s)", dbfile.c_str(), shown.c_str(),
+           code, error.c_str());
+  }
+  return on_db_error(code);
 }
 
 cr_status_t sqlite3_wrapper::exec_file(const std::string& file, bool) {
   if (db == nullptr) return log_not_opened(dbfile);
   if (TraceOn()) __Trace("Execute sql file %s", file.c_str());
-  std::string content;
-  try {
-    content = content_of(file);
-  } catch (const std::exception&) {
-    ErrorA(CR_STATUS_FAILED, "Failed to load the content of %s", file.c_str());
-    return CR_STATUS_FAILED;
-  }
-  return exec(content, nullptr);
+  std::string sql;
+  const cr_status_t status = read_sql_file(file, "content", sql);
+  return status == CR_STATUS_OK ? exec(sql, nullptr) : status;
 }
 
 int sqlite3_wrapper::count_callback(void* out, int, char** values, char**) {
