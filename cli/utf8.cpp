@@ -12,10 +12,8 @@ struct Form {
   unsigned char mask;
   unsigned char lead;
 };
-constexpr Form kForms[] = {{1, 0x0, 0x80, 0x00},
-                           {2, 0x80, 0xe0, 0xc0},
-                           {3, 0x800, 0xf0, 0xe0},
-                           {4, 0x10000, 0xf8, 0xf0}};
+constexpr Form kForms[] = {
+    {1, 0x0, 0x80, 0x00}, {2, 0x80, 0xe0, 0xc0}, {3, 0x800, 0xf0, 0xe0}, {4, 0x10000, 0xf8, 0xf0}};
 
 bool is_scalar(char32_t code_point) {
   return code_point <= 0x10ffff && (code_point < 0xd800 || code_point > 0xdfff);

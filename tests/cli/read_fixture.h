@@ -39,6 +39,7 @@ struct Outcome {
 inline Outcome run_command(std::vector<std::string> arguments) {
   arguments.insert(arguments.begin(), "pocatalog");
   std::vector<const char*> argv;
+  argv.reserve(arguments.size());
   for (const std::string& argument : arguments) argv.push_back(argument.c_str());
   std::ostringstream out;
   std::ostringstream err;
@@ -57,7 +58,7 @@ class CatalogTest : public testing::Test {
     refhost::log_to_sink([](const refhost::LogLine&) {});
     add_directory(image_);
   }
-  ~CatalogTest() override { refhost::log_to_stderr(); }
+  void TearDown() override { refhost::log_to_stderr(); }
 
   std::string full(const std::string& inner) const { return root_ + "/" + inner; }
   std::string database(const std::string& inner) const { return full(inner) + "/po.db"; }

@@ -38,7 +38,7 @@ TEST_F(RemoveTest, AnEmptyDirectoryGoesAndIsCountedOnlyIfItHadARecord) {
   const std::string empty = image_ + "/empty";
   const std::string bare = image_ + "/bare";
   add_directory(empty);
-  std::ofstream(full(empty) + "/po.db");  // the leftover of a crash
+  std::ofstream(full(empty) + "/po.db").flush();  // the leftover of a crash
   std::filesystem::create_directory(full(bare));
   EXPECT_EQ(remove(bare).status, cli::kDone);
   EXPECT_EQ(counters(), (Counters{123, 2, 2, 0}));
