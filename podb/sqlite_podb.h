@@ -90,6 +90,19 @@ class POCATALOG_API SQLitePODB : public PODB {
   // The argument is ignored. An open transaction is lost.
   cr_status_t close_db(unsigned int flags) override;
 
+  // Adds the flags RETENTION_ of podb/retention.h and, for RETENTION_LOCK, locks the entry for
+  // `retention` seconds from the compliance clock's now: CR_STATUS_LOCK_LOWERED, nothing changed,
+  // when that is before the lock in force or not a time below 2^63. On RETENTION_CLOUD the lock is
+  // the creation time plus the period, lower than before or not. CR_STATUS_NO_LOCATION, nothing
+  // changed, in a database directly in the catalog's root. The caller brackets the reading and
+  // writing with a transaction. Throws Cr_ErrnoException when the host cannot make a record.
+  cr_status_t set_retention(const std::string& basename, unsigned long flags,
+                            long retention) override;
+
+  // Fills `info`: all zero on failure and for an entry without retention flags; without times on
+  // RETENTION_CLOUD. Status and exception of the clock and the record as above.
+  cr_status_t get_retention(const std::string& basename, tolvfs_worm_info_t& info) override;
+
   std::string get_dbfile_path() override;
   std::string get_db_dir() override;
 

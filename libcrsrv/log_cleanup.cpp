@@ -1,0 +1,144 @@
+// Removing old logs.
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <memory>
+
+#include "host/files.h"
+#include "host/log.h"
+#include "libcrsrv/common.h"
+
+namespace {
+
+constexpr std::size_t kLongestPath = 4095;
+
+constexpr const char* kCleanLogs = "SDCleanLogs";
+constexpr const char* kCleanKeyLogs = "SDCleanKeyLogs";
+
+// A limit of 0 or less is none. In 64 bits: the largest limits reach far beyond the epoch.
+bool is_older(const struct stat& file, int days) {
+  constexpr std::int64_t kSecondsPerDay = 86400;
+  return days > 0 && file.st_mtime < time(nullptr) - days * kSecondsPerDay;
+}
+
+struct CloseDirectory {
+  void operator()(DIR* directory) const { closedir(directory); }
+};
+using Directory = std::unique_ptr<DIR, CloseDirectory>;
+
+// `flags` with O_NOFOLLOW refuse a symbolic link.
+Directory opened(int parent, const char* name, int flags) {
+  const int fd = openat(parent, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | flags);
+  if (fd < 0) return nullptr;
+  Directory directory(fdopendir(fd));
+  if (!directory) close(fd);
+  return directory;
+}
+
+// By age alone.
+struct AgeRule {
+  int maxdays;
+  int emptydays;
+  int (*getdays)(const char* name);
+
+  AgeRule below(const char* name) const {
+    return {getdays != nullptr ? getdays(name) : maxdays, emptydays, getdays};
+  }
+  void trace_start(const char* path) const {
+    if (TraceOn()) __Trace("%s: %s, maxdays=%d", kCleanLogs, path, maxdays);
+  }
+  static void trace_unreadable(const char* path, const char* reason) {
+    if (TraceOn()) __Trace("%s: %s", path, reason);
+  }
+  bool takes(const char* path, const struct stat& file) const {
+    const bool old = is_older(file, maxdays);
+    const bool old_and_empty = file.st_size == 0 && is_older(file, emptydays);
+    if (!old && !old_and_empty) return false;
+    if (TraceOn()) __Trace("%s: expired", path);
+    return true;
+  }
+};
+
+// By age, where the path contains the key.
+struct KeyRule {
+  int maxdays;
+  int descend;
+  const char* key;
+
+  KeyRule below(const char*) const { return *this; }
+  void trace_start(const char* path) const {
+    if (!TraceOn()) return;
+    __Trace("%s: path=%s, key=%s, maxdays=%d, descend=%d", kCleanKeyLogs, path, key, maxdays,
+            descend);
+  }
+  static void trace_unreadable(const char* path, const char* reason) {
+    if (TraceOn()) __Trace("%s: %s: %s", kCleanKeyLogs, path, reason);
+  }
+  bool takes(const char* path, const struct stat& file) const {
+    const bool taken = is_older(file, maxdays) && std::strstr(path, key) != nullptr;
+    if (TraceOn()) __Trace("%s: %s: %s", kCleanKeyLogs, path, taken ? "expired" : "skipping");
+    return taken;
+  }
+};
+
+// One walk down a tree. Deletion fails, unseen, where somebody else was faster or a directory is
+// not empty.
+template <typename Rule>
+class Walk {
+ public:
+  Walk(const char* path, bool descend) : path_(path), descend_(descend) {}
+
+  void clean(const Rule& rule) { clean_directory(rule, AT_FDCWD, path_.c_str(), 0); }
+
+ private:
+  void clean_directory(const Rule& rule, int parent, const char* name, int flags) {
+    rule.trace_start(path_.c_str());
+    const Directory directory = opened(parent, name, flags);
+    if (!directory) return Rule::trace_unreadable(path_.c_str(), std::strerror(errno));
+    while (const dirent* entry = readdir(directory.get())) {
+      if (entry->d_name[0] != '.') clean_entry(rule, dirfd(directory.get()), entry->d_name);
+    }
+  }
+
+  // A path too long for the host is passed over: cut, it could name its own directory or another
+  // file.
+  void clean_entry(const Rule& rule, int parent, const char* name) {
+    const std::size_t length = path_.size();
+    path_.append("/").append(name);
+    if (path_.size() <= kLongestPath) clean_examined(rule, parent, name);
+    path_.resize(length);
+  }
+
+  // Examined by path, as the deletion is. Entered through the parent, and never by a symbolic link
+  // that has taken the directory's place since: that could lead out of the tree.
+  void clean_examined(const Rule& rule, int parent, const char* name) {
+    struct stat info {};
+    if (lstat(path_.c_str(), &info) != 0) return;
+    if (S_ISREG(info.st_mode)) {
+      if (rule.takes(path_.c_str(), info)) zel_unlink(path_.c_str());
+    } else if (S_ISDIR(info.st_mode) && descend_) {
+      clean_directory(rule.below(name), parent, name, O_NOFOLLOW);
+      zel_rmdir(path_.c_str());
+    }
+  }
+
+  std::string path_;  // of what is looked at
+  const bool descend_;
+};
+
+}  // namespace
+
+void SDCleanLogs(const char* path, int maxdays, int descend, int emptydays,
+                 int (*getdays)(const char* name)) {
+  Walk<AgeRule>(path, descend > 0).clean({maxdays, emptydays, getdays});
+}
+
+void SDCleanKeyLogs(const char* path, const char* key, int maxdays, int descend) {
+  if (maxdays <= 0) return;
+  Walk<KeyRule>(path, descend > 0).clean({maxdays, descend, key});
+}
