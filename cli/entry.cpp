@@ -5,8 +5,30 @@
 #include <utility>
 
 #include "podb/sqlite_podb.h"
+#include "refhost/record.h"
 
 namespace cli {
+namespace {
+
+// A data store lies above the images: it has neither a record nor a path inside an image.
+std::unique_ptr<DirPO> data_store_entry(unsigned int dsid) {
+  auto entry = std::make_unique<DirPO>(dsid);
+  refhost::RecordFields fields;
+  fields.dsid = dsid;
+  fields.type = PO_TYPE_DIR;
+  fields.mode = S_IFDIR | 0755;
+  refhost::set_fields(entry->record(), fields);
+  return entry;
+}
+
+// A link or a pipe in the place of a directory's record is not for reading: that might never end.
+bool is_readable_record(const CatalogPath& directory) {
+  struct stat found = {};
+  const std::string file = directory.child(DirPO::recordfilename()).full();
+  return lstat(file.c_str(), &found) != 0 || S_ISREG(found.st_mode);
+}
+
+}  // namespace
 
 cr_status_t read_file(const CatalogPath& path, std::unique_ptr<FilePO>* entry) {
   if (path.components.size() < 2 || !path.dsid()) return CR_STATUS_NOT_FOUND;
@@ -25,10 +47,11 @@ cr_status_t read_directory(const CatalogPath& path, std::unique_ptr<DirPO>* entr
   if (!path.dsid()) return CR_STATUS_NOT_FOUND;
   const cr_status_t reachable = check_directory(path);
   if (reachable != CR_STATUS_OK) return reachable;
-  // A link or a pipe in the record's place is not for reading: that might never end.
-  struct stat record = {};
-  const std::string file = path.child(DirPO::recordfilename()).full();
-  if (lstat(file.c_str(), &record) == 0 && !S_ISREG(record.st_mode)) return CR_STATUS_BAD_RECORD;
+  if (path.components.size() == 1) {
+    *entry = data_store_entry(*path.dsid());
+    return CR_STATUS_OK;
+  }
+  if (!is_readable_record(path)) return CR_STATUS_BAD_RECORD;
   auto found = std::make_unique<DirPO>(*path.dsid());
   const auto status = static_cast<cr_status_t>(found->load(path.root, path.full()));
   if (status != CR_STATUS_OK) return status;
