@@ -130,10 +130,9 @@ int Ingest::update_data_store() {
   const cr_status_t closed = account_.close();
   progress_.clear();
   if (status != CR_STATUS_OK) return failed(client_directory(), status, "cannot be made");
-  if (closed != CR_STATUS_OK) {
-    return failed(directory, closed, "its counters cannot be written; the next run counts anew");
-  }
-  return finish();
+  const int done = finish();
+  if (closed == CR_STATUS_OK) return done;
+  return failed(directory, closed, "its counters cannot be written; the next run counts anew");
 }
 
 cr_status_t Ingest::make_client_directory() {

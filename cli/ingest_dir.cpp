@@ -36,7 +36,8 @@ SkippedKind skipped_kind(mode_t kind) {
 
 class DirectoryIngest {
  public:
-  DirectoryIngest(const IngestJob& job, const DirectoryTask& task) : job_(job), task_(task) {}
+  DirectoryIngest(const IngestJob& job, const DirectoryTask& task)
+      : job_(job), task_(task), reader_(*job.stop) {}
 
   DirectoryResult run();
 

@@ -32,7 +32,8 @@ void require(int result) {
 
 void FileReader::FreeDigest::operator()(EVP_MD_CTX* digest) const { EVP_MD_CTX_free(digest); }
 
-FileReader::FileReader() : digest_(EVP_MD_CTX_new()), buffer_(kBufferSize) {
+FileReader::FileReader(const std::atomic<bool>& stop)
+    : stop_(stop), digest_(EVP_MD_CTX_new()), buffer_(kBufferSize) {
   if (!digest_) throw std::bad_alloc();
 }
 
@@ -87,7 +88,7 @@ FileReader::Attempt FileReader::hash(const refhost::Fd& opened, SourceFile* file
 
 bool FileReader::feed(const refhost::Fd& opened, off_t* length) {
   require(EVP_DigestInit_ex(digest_.get(), EVP_sha256(), nullptr));
-  for (;;) {
+  while (!stop_) {
     const ssize_t count = pread(opened.get(), buffer_.data(), buffer_.size(), *length);
     if (count == 0) return true;
     if (count < 0 && errno == EINTR) continue;
@@ -95,6 +96,8 @@ bool FileReader::feed(const refhost::Fd& opened, off_t* length) {
     require(EVP_DigestUpdate(digest_.get(), buffer_.data(), static_cast<std::size_t>(count)));
     *length += count;
   }
+  errno = EINTR;
+  return false;
 }
 
 std::string FileReader::finish() {

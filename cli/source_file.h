@@ -4,6 +4,7 @@
 #include <openssl/types.h>
 #include <sys/stat.h>
 
+#include <atomic>
 #include <memory>
 #include <string>
 #include <vector>
@@ -17,10 +18,10 @@ struct SourceFile {
   std::string poid;  // SHA-256 of the content; empty for an empty file and for one not read
 };
 
-// Reads files, one after the other, with one buffer.
+// Reads files, one after the other, with one buffer. A reading fails early once `stop` is set.
 class FileReader {
  public:
-  FileReader();
+  explicit FileReader(const std::atomic<bool>& stop);
 
   // The attributes, and the content's POID when `with_content` says so. A file that is written to
   // meanwhile is read again, at most three times in all, so that attributes and content belong
@@ -39,6 +40,7 @@ class FileReader {
   bool feed(const refhost::Fd& opened, off_t* length);
   std::string finish();
 
+  const std::atomic<bool>& stop_;
   std::unique_ptr<EVP_MD_CTX, FreeDigest> digest_;
   std::vector<unsigned char> buffer_;
 };

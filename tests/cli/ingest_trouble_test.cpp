@@ -36,10 +36,14 @@ class AsNobody {
 
 bool has_size(const _po_t* record, std::uint64_t size) { return POGetSize(record) == size; }
 
-// Runs `act` in a child process and returns how that ended.
-int in_child(const std::function<int()>& act) {
+// Runs `act` in a child process, which ends with its result, or dies of what it throws.
+pid_t start_child(const std::function<int()>& act) {
   const pid_t child = fork();
-  if (child == 0) _exit(act());
+  if (child == 0) [&act]() noexcept { _exit(act()); }();
+  return child;
+}
+
+int end_of(pid_t child) {
   int status = 0;
   EXPECT_EQ(waitpid(child, &status, 0), child);
   return status;
@@ -150,13 +154,13 @@ TEST_F(IngestTest, ASignalStopsTheRunAndLeavesWholeDirectories) {
 TEST_F(IngestTest, CountersAreMendedAfterAKilledRun) {
   for (const std::string name : {"1", "2", "a/1", "b/1"}) write(name, "12345");
   write("b/killer", "17 bytes of text.");
-  const int ended = in_child([this] {
+  const int ended = end_of(start_child([this] {
     on_record_printed = [](const _po_t* record) {
       if (has_size(record, 17)) raise(SIGKILL);
       return false;
     };
     return run().status;
-  });
+  }));
   ASSERT_TRUE(WIFSIGNALED(ended));
   EXPECT_EQ(counters(), (Counters{0, 0, 0, 1}));
   EXPECT_EQ(ingest(cli::kDone), (Counters{2, 0, 3, 0, 0}));
@@ -171,19 +175,15 @@ TEST_F(IngestTest, ProcessesThatIngestTheSameTreeAddEveryFileOnce) {
   for (int file = 0; file < 200; ++file) {
     write(std::to_string(file % 8) + "/" + std::to_string(file), "x");
   }
-  constexpr int kProcesses = 4;
-  for (int i = 0; i < kProcesses; ++i) {
-    if (fork() != 0) continue;
+  const auto process = [this] {
     const Outcome outcome = run();
     const nlohmann::json summary = outcome.json().at(0);
     const bool complete = summary["added"].get<int>() + summary["unchanged"].get<int>() == 200;
-    _exit(complete ? outcome.status : 99);
-  }
-  for (int i = 0; i < kProcesses; ++i) {
-    int status = 0;
-    ASSERT_GT(wait(&status), 0);
-    EXPECT_EQ(status, 0);
-  }
+    return complete ? outcome.status : 99;
+  };
+  std::vector<pid_t> children(4);
+  for (pid_t& child : children) child = start_child(process);
+  for (const pid_t child : children) EXPECT_EQ(end_of(child), 0);
   EXPECT_EQ(counters(), (Counters{200, 10, 200, 0}));
   EXPECT_EQ(ingest(cli::kDone), (Counters{0, 0, 200, 0, 0}));
 }
