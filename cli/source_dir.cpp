@@ -27,7 +27,7 @@ Stream open_stream(int directory) {
 }
 
 mode_t kind_of(int directory, const dirent& entry) {
-  if (entry.d_type != DT_UNKNOWN) return DTTOIF(entry.d_type);
+  if (entry.d_type != DT_UNKNOWN) return static_cast<mode_t>(DTTOIF(entry.d_type));
   struct stat found {};
   const int failed = fstatat(directory, entry.d_name, &found, AT_SYMLINK_NOFOLLOW);
   return failed != 0 ? 0 : found.st_mode & S_IFMT;
