@@ -141,7 +141,7 @@ TEST_F(IngestTest, WhatIsNoFileOrDirectoryIsCountedAndTheCatalogItselfLeftOut) {
   const std::vector<std::string> inside = {
       "--json",   "ingest", source_,    "--root", source_ + "/c/catalog", "--dsid", "5",
       "--client", "client", "--policy", "policy"};
-  for (const std::uint64_t unchanged : {0, 1}) {
+  for (const int unchanged : {0, 1}) {
     const Outcome outcome = run_command(inside);
     EXPECT_EQ(outcome.status, cli::kDone) << outcome.err;
     const nlohmann::json summary = outcome.json().at(0);
