@@ -61,17 +61,22 @@ TEST_F(Directories, are_made_with_their_parents_and_counted_when_new) {
 
 TEST_F(Directories, are_removed_unless_their_database_may_hold_rows) {
   const struct {
-    const char* content;  // of "po.db"; null: a database
-    bool has_row, kept;
-  } cases[] = {{nullptr, true, true},
-               {nullptr, false, false},
-               {"no database at all", false, true},
-               {"", false, false}};
+    std::string content;  // of "po.db"
+    bool kept;
+  } cases[] = {
+      {"a row", true}, {"no row", false}, {"", false}, {"directory", true}, {"junk", true}};
   for (const auto& c : cases) {
     EXPECT_EQ(update('N'), 0U);
-    if (c.content != nullptr) std::ofstream(dir + "/po.db") << c.content;
     FilePO file("/r", "/r/5/f", 5);
-    EXPECT_EQ(c.content != nullptr ? 0 : c.has_row ? db.put(&file) : db.init_db(), 0);
+    if (c.content == "directory") {
+      fs::create_directory(dir + "/po.db");
+    } else if (c.content == "a row") {
+      EXPECT_EQ(db.put(&file), CR_STATUS_OK);
+    } else if (c.content == "no row") {
+      EXPECT_EQ(db.init_db(), CR_STATUS_OK);
+    } else {
+      std::ofstream(dir + "/po.db") << c.content;
+    }
     info.dir_count = 10;
     EXPECT_EQ(update('D'), 0U);
     EXPECT_EQ(info.dir_count, 9U);

@@ -12,7 +12,10 @@ namespace {
 // Updates of "f" in the catalog directory 5/c/p; its row, if there is one, has POID 1 and 7 bytes.
 class Updates : public EntryTest {
  protected:
-  ~Updates() override { release(); }
+  void TearDown() override {
+    release();
+    EntryTest::TearDown();
+  }
 
   static refhost::RecordFields fields(std::uint64_t poid, std::uint64_t size) {
     refhost::RecordFields f = file_fields("f", make_poid(poid), size, "/c/p");
@@ -51,7 +54,7 @@ class Updates : public EntryTest {
   std::unique_ptr<PO> entry;
 };
 
-enum Before { kNothing, kRow, kImmutable, kBadSum, kJunk };
+enum Before { kNothing, kRow, kImmutable, kBadSum, kBadPoid };
 
 TEST_F(Updates, change_row_statistics_and_lists_alike) {
   const struct {
@@ -68,6 +71,7 @@ TEST_F(Updates, change_row_statistics_and_lists_alike) {
                {kRow, 'N', 1, 7, "", "", 0, 0, 0, 0, 1},
                {kRow, 'N', 2, 5, "", "", 0, -2, 0, 1, 2},
                {kBadSum, 'N', 2, 5, "", "", 0, 5, 0, 1, 2},
+               {kBadPoid, 'N', 2, 5, "", "", 0, 5, 0, 1, 2},
                {kImmutable, 'N', 2, 5, "", "", 127, 0, 0, 0, 1},
                {kImmutable, 'N', 1, 7, "", "", 127, 0, 0, 0, 1},
                {kRow, 'N', 2, 5, "", "DELETE", 11, 0, 0, 1, 1},
@@ -78,7 +82,7 @@ TEST_F(Updates, change_row_statistics_and_lists_alike) {
                {kRow, 'D', 2, 0, "action_imgchk", "", 0, -7, -1, 1, 0},
                {kRow, 'D', 2, 4, "", "", 0, -4, -1, 1, 0},
                {kBadSum, 'D', 2, 5, "", "", 0, 0, -1, 1, 0},
-               {kJunk, 'D', 2, 5, "action_imgchk", "", 0, 0, -1, 1, 0},
+               {kBadPoid, 'D', 2, 5, "action_imgchk", "", 0, 0, -1, 1, 0},
                {kImmutable, 'D', 2, 0, "", "", 0, -7, -1, 1, 0},
                {kImmutable, 'D', 2, 0, "action_imgchk", "", 127, 0, 0, 0, 1},
                {kRow, 'D', 2, 0, "", "DELETE", 11, 0, 0, 1, 1},
@@ -88,8 +92,10 @@ TEST_F(Updates, change_row_statistics_and_lists_alike) {
     store(c.before == kImmutable ? SF_IMMUTABLE : 0);
     if (c.before == kNothing) raw_sql(dir + "/po.db", "DELETE FROM po");
     if (c.before == kBadSum) raw_sql(dir + "/po.db", "UPDATE po SET crc = 1");
-    if (c.before == kJunk) {
-      raw_sql(dir + "/po.db", "UPDATE po SET poid = '', content = 'junk', crc = 105972255");
+    if (c.before == kBadPoid) {  // its size can be read, and is not believed
+      const std::string content = file_text("f", "x", 7);
+      raw_sql(dir + "/po.db", "UPDATE po SET poid = '', content = '" + content + "', crc = " +
+                                  std::to_string(SpyPODB::calculate_crc("f", "", content.c_str())));
     }
     refhost::RecordFields request = fields(c.poid, c.size);
     request.mod_type = c.mod_type;

@@ -17,8 +17,8 @@ inline cr_status_t& cell() { return *__cr_errno_location(); }
 
 class EntryTest : public testing::Test {
  protected:
-  EntryTest() { cell() = CR_STATUS_OK; }
-  ~EntryTest() override { hooks::no_records = false; }
+  void SetUp() override { cell() = CR_STATUS_OK; }
+  void TearDown() override { hooks::no_records = false; }
 
   const TempDir root;
   LogCapture log;

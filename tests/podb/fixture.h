@@ -21,7 +21,7 @@ inline Names names_of(const POQueue& entries) {
 
 class StoreTest : public testing::Test {
  protected:
-  ~StoreTest() override { refhost::set_case_sensitive(true); }
+  void TearDown() override { refhost::set_case_sensitive(true); }
 
   cr_status_t put(const std::string& leaf, const std::string& poid = "", std::uint64_t size = 0) {
     FilePO entry(file_text(leaf, poid, size, "/c/p"));

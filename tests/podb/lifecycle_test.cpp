@@ -27,7 +27,7 @@ namespace {
 
 class Lifecycle : public StoreTest {
  protected:
-  ~Lifecycle() override { exec_hook = nullptr; }
+  void TearDown() override { exec_hook = nullptr; }
 };
 
 TEST_F(Lifecycle, reads_create_no_file_and_writes_do) {

@@ -55,8 +55,8 @@ TEST_F(Queries, find_by_pattern_as_file_names_are_compared) {
 TEST_F(Queries, patterns_end_at_2048_bytes) {
   std::string escaped;
   POQueue found;
-  EXPECT_EQ(db.PatternEscape(std::string(2048, '_'), escaped), CR_STATUS_OK);
-  EXPECT_EQ(db.PatternEscape(std::string(2049, '_'), escaped), CR_STATUS_BAD_ARG);
+  EXPECT_EQ(SpyPODB::PatternEscape(std::string(2048, '_'), escaped), CR_STATUS_OK);
+  EXPECT_EQ(SpyPODB::PatternEscape(std::string(2049, '_'), escaped), CR_STATUS_BAD_ARG);
   EXPECT_EQ(escaped.size(), 4096U);
   refhost::set_case_sensitive(false);
   EXPECT_EQ(db.find_by_pattern(std::string(2049, '_'), &found, true), CR_STATUS_FAILED);
@@ -77,6 +77,7 @@ TEST_F(Queries, select_by_condition_order_limit_and_cursor) {
   EXPECT_TRUE(entries.empty());
   EXPECT_EQ(db.select(q, nullptr, &entries), CR_STATUS_OK);
   EXPECT_EQ(names_of(entries), (Names{"b", "axb"}));
+  EXPECT_EQ(entries[0]->get_dsid(), 5U);
   EXPECT_EQ(db.select(q, nullptr, nullptr), CR_STATUS_BAD_ARG);
   EXPECT_EQ(db.find_by_cursor("a_b", &names, 1), CR_STATUS_OK);
   EXPECT_EQ(names, (Names{"kept", "b", "axb", "axb", "b"}));
