@@ -36,7 +36,7 @@ struct FakeFactory : PODBFactory {
 class PodbPool : public testing::Test {
  protected:
   PodbPool() { pool.init("/cat", factory); }
-  ~PodbPool() override { refhost::set_case_sensitive(true), refhost::use_real_clock(); }
+  void TearDown() override { refhost::set_case_sensitive(true), refhost::use_real_clock(); }
   std::shared_ptr<FakeDb> begun(const std::string& dir) {
     pool.get_podb(dir)->begin_transaction();
     return std::static_pointer_cast<FakeDb>(pool.get_podb(dir));
@@ -119,7 +119,7 @@ class WorkingPool : public testing::TestWithParam<bool> {
     pool.init(root.path(), new SQLitePODBFactory);
     for (unsigned long i = 0; i < kDirs; ++i) write(i, "first"), link(i);
   }
-  ~WorkingPool() override { refhost::set_case_sensitive(true), refhost::use_real_clock(); }
+  void TearDown() override { refhost::set_case_sensitive(true), refhost::use_real_clock(); }
 
   std::string dir(unsigned long i, char initial) const {
     return root.path(initial + std::to_string(i));
@@ -149,7 +149,7 @@ class WorkingPool : public testing::TestWithParam<bool> {
 TEST_P(WorkingPool, loses_no_row_of_threads_that_share_more_directories_than_it_holds) {
   std::atomic<bool> done{false};
   std::vector<std::thread> writers;
-  std::vector<std::thread> readers;
+  writers.reserve(kWriters);
   for (unsigned long w = 0; w < kWriters; ++w) {
     writers.emplace_back([this, w] {
       for (unsigned long i = 0; i < kRounds; ++i) {
@@ -157,14 +157,12 @@ TEST_P(WorkingPool, loses_no_row_of_threads_that_share_more_directories_than_it_
       }
     });
   }
-  for (int r = 0; r < 2; ++r) {
-    readers.emplace_back([&] {
-      for (std::array<unsigned long, kDirs> seen{}; !done;) {
-        for (unsigned long i = 0; i < kDirs; ++i)
-          EXPECT_LE(std::exchange(seen[i], rows(i)), rows(i));
-      }
-    });
-  }
+  const auto read = [&] {
+    for (std::array<unsigned long, kDirs> seen{}; !done;) {
+      for (unsigned long i = 0; i < kDirs; ++i) EXPECT_LE(std::exchange(seen[i], rows(i)), rows(i));
+    }
+  };
+  std::thread readers[] = {std::thread(read), std::thread(read)};
   for (std::thread& writer : writers) writer.join();
   done = true;
   for (std::thread& reader : readers) reader.join();
