@@ -30,6 +30,18 @@ bool may_hold_rows(const std::string& dbfile) {
   return status != CR_STATUS_NOT_FOUND;
 }
 
+// An entry without a name of its own, as one that was saved before, would stand for its parent: its
+// removal would take the whole data store along.
+bool names_directory(const _po_t* record) {
+  const std::string leaf = text_or_empty(POGetBasename(record));
+  return !leaf.empty() && leaf != "." && leaf != "..";
+}
+
+unsigned int refuse_nameless() {
+  ErrorA(CR_STATUS_NO_LOCATION, "%s: the directory entry has no name", "update");
+  return as_result(CR_STATUS_NO_LOCATION);
+}
+
 bool keeps_rows(PODB* db) {
   const cr_status_t dropped = db->drop_db_if_empty();
   if (dropped == CR_STATUS_OK) return false;
@@ -105,8 +117,8 @@ unsigned int DirPO::update(PODB* db, ds_info_t& info, std::vector<PO*>&, std::ve
     ErrorA(CR_STATUS_BAD_RECORD, "%s: unexpected PO type %d", "update", type);
     return as_result(CR_STATUS_BAD_RECORD);
   }
-  const std::string path = db->get_root() + "/" + std::to_string(dsid) + GetLocalInternalDirName() +
-                           "/" + text_or_empty(POGetBasename(record()));
+  if (!names_directory(record())) return refuse_nameless();
+  const std::string path = catalog_path(*this, db->get_root());
   if (POGetModType(record()) == PO_MODTYPE_DELETE) {
     const unsigned int result = remove(db, path);
     if (result == 0) --info.dir_count;

@@ -22,10 +22,12 @@ class FileUpdate {
  public:
   FileUpdate(FilePO& entry, PODB* db, ds_info_t& info, std::vector<PO*>& removed,
              std::vector<PO*>& udcid)
-      : incoming_(entry), db_(db), info_(info), removed_(removed), udcid_(udcid) {
-    path_ = db->get_root() + "/" + std::to_string(entry.get_dsid()) +
-            entry.GetLocalInternalDirName() + "/" + text_or_empty(POGetBasename(entry.record()));
-  }
+      : incoming_(entry),
+        db_(db),
+        info_(info),
+        removed_(removed),
+        udcid_(udcid),
+        path_(catalog_path(entry, db->get_root())) {}
 
   unsigned int add();
   unsigned int erase(bool protect_immutable);
@@ -44,7 +46,7 @@ class FileUpdate {
   ds_info_t& info_;
   std::vector<PO*>& removed_;
   std::vector<PO*>& udcid_;
-  std::string path_;
+  const std::string path_;
 };
 
 // The status with which a store could not look for a row; 0 when it could: the row is not there, or

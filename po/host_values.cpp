@@ -1,5 +1,6 @@
 #include "host/log.h"
 #include "po/host_values_internal.h"
+#include "po/po.h"
 
 HostString printed(const _po_t* record) {
   HostString text(POToStringMalloced(record));
@@ -22,4 +23,9 @@ _po_t* copied_record(const _po_t* record) { return logged_when_null(POCopy(recor
 
 void log_unparsable(const std::string& text) {
   ErrorA(host_status(), "can't get PO object with %s", text.c_str());
+}
+
+std::string catalog_path(const PO& entry, const std::string& root) {
+  return root + "/" + std::to_string(entry.get_dsid()) + entry.GetLocalInternalDirName() + "/" +
+         text_or_empty(POGetBasename(entry.record()));
 }

@@ -8,6 +8,8 @@
 #include "host/po_record.h"
 #include "host/status.h"
 
+class PO;
+
 // A string of the host's, from malloc.
 struct HostStringDeleter {
   void operator()(char* text) const { std::free(text); }
@@ -20,6 +22,9 @@ HostString printed(const _po_t* record);
 // A new record, and a deep copy of one; null after a log line.
 _po_t* created_record();
 _po_t* copied_record(const _po_t* record);
+
+// Where an entry lies below `root`, whatever its directory is: its leaf may be empty.
+std::string catalog_path(const PO& entry, const std::string& root);
 
 // Logs that `text` is no entry's text form.
 void log_unparsable(const std::string& text);

@@ -35,6 +35,9 @@ class POCATALOG_API SQLitePODB : public PODB {
   // As PODB's.
   SQLitePODB(const std::string& catalog_root, const std::string& directory);
   SQLitePODB(const boost::filesystem::path& catalog_root, const boost::filesystem::path& directory);
+  // Literals would fit both of the above.
+  SQLitePODB(const char* catalog_root, const char* directory)
+      : SQLitePODB(std::string(catalog_root), std::string(directory)) {}
   SQLitePODB(const SQLitePODB&) = delete;
   SQLitePODB& operator=(const SQLitePODB&) = delete;
   ~SQLitePODB() override;

@@ -44,6 +44,23 @@ TEST_F(Directories, load_a_default_for_a_missing_record_and_refuse_a_damaged_one
   log.clear();
 }
 
+TEST_F(Directories, without_a_name_take_nothing_along) {
+  EXPECT_EQ(update('N'), 0U);
+  DirPO nameless(5);
+  POSetDirname(nameless.record(), "/");
+  for (const char* leaf : {"", ".", ".."}) {
+    POSetBasename(nameless.record(), leaf);
+    refhost::RecordFields fields = refhost::get_fields(nameless.record());
+    fields.type = PO_TYPE_DIR;
+    fields.mod_type = 'D';
+    ASSERT_EQ(refhost::set_fields(nameless.record(), fields), 0);
+    std::vector<PO*> none;
+    EXPECT_EQ(nameless.update(&db, info, none, none, action), 47U) << leaf;
+    log.expect_error(47, "update: the directory entry has no name");
+  }
+  EXPECT_TRUE(fs::exists(record));
+}
+
 TEST_F(Directories, are_made_with_their_parents_and_counted_when_new) {
   EXPECT_EQ(update('N'), 0U);
   std::string text;
