@@ -201,7 +201,9 @@ TEST_F(Uldb, brackets_rows_and_waits_for_others_to_finish) {
   EXPECT_EQ(db->commit_transaction(), CR_STATUS_BUSY);
   EXPECT_EQ(sleep.sleeps(), std::vector<unsigned int>(60, 1));
   sqlite3_close(reader), log.clear();
+  EXPECT_TRUE(db->is_transaction_active());
   EXPECT_EQ(db->commit_transaction(), CR_STATUS_OK);
+  EXPECT_FALSE(db->is_transaction_active());
   EXPECT_EQ(rows(other), 1U);
 }
 
