@@ -11,6 +11,7 @@
 
 #include "po/dir_po.h"
 #include "podb/sqlite_podb.h"
+#include "uldb/sqlite_uldb.h"
 
 namespace cli {
 namespace {
@@ -91,7 +92,7 @@ std::optional<unsigned int> parse_dsid(const std::string& name) {
 
 bool is_reserved_name(const std::string& name) {
   return name == DirPO::recordfilename() || name == "__dsinfo__" || name == "__dsinfo__.lock" ||
-         is_database_file(name, SQLitePODB::dbfilename()) || is_database_file(name, "ul.db");
+         is_database_file(name, SQLitePODB::dbfilename()) || is_database_file(name, SQLiteULDB::dbfilename());
 }
 
 bool database_path_fits(const std::string& directory) {
@@ -107,6 +108,11 @@ cr_status_t check_directory(const CatalogPath& path) {
     if (!S_ISDIR(found.st_mode)) return CR_STATUS_NOT_FOUND;
   }
   return CR_STATUS_OK;
+}
+
+bool is_there(const std::string& path) {
+  struct stat found = {};
+  return lstat(path.c_str(), &found) == 0;
 }
 
 cr_status_t status_of_errno(const char* function) {

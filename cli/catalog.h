@@ -55,6 +55,9 @@ bool database_path_fits(const std::string& directory);
 // something else, a symbolic link included.
 cr_status_t check_directory(const CatalogPath& path);
 
+// Whether something has that path; symbolic links are not followed.
+bool is_there(const std::string& path);
+
 // The status of the calling thread's `errno`, never 0.
 cr_status_t status_of_errno(const char* function);
 

@@ -83,8 +83,7 @@ int report_bad_path(const Console& console, const std::string& path) {
 bool names_directory(const std::string& path) { return !path.empty() && path.back() == '/'; }
 
 bool has_record(const CatalogPath& directory) {
-  struct stat found = {};
-  return lstat(directory.child(DirPO::recordfilename()).full().c_str(), &found) == 0;
+  return is_there(directory.child(DirPO::recordfilename()).full());
 }
 
 bool protected_entry(const _po_t* record) {

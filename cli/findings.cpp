@@ -9,16 +9,32 @@
 
 namespace cli {
 
-void Findings::add(const std::string& file, const std::string& reason) {
+void Findings::print(const std::string& file, const std::string& poid, const std::string& reason) {
   ++other_;
   if (!console_.json) {
-    console_.out << printable(file) << ": " << printable(reason) << '\n';
+    console_.out << printable(file) << ": "
+                 << (poid.empty() ? "" : "content " + printable(poid) + ": ") << printable(reason)
+                 << '\n';
     return;
   }
   nlohmann::ordered_json object;
   set_name(object, "file", file);
+  if (!poid.empty()) set_name(object, "poid", poid);
   set_name(object, "reason", reason);
   print_line(console_, object);
+}
+
+void Findings::add(const std::string& file, const std::string& reason) { print(file, "", reason); }
+
+void Findings::add_content_without_list(const std::string& entry, const std::string& poid,
+                                        std::uint64_t entries) {
+  ++contents_without_list_;
+  print(entry, poid, fmt::format("has no list of containers; {} entries of it here", entries));
+}
+
+void Findings::add_lone_list(const std::string& file, const std::string& poid) {
+  ++lone_lists_;
+  print(file, poid, "has a list of containers and no entry");
 }
 
 void Findings::add_row(const std::string& file, const std::string& name, std::int64_t rowid,
@@ -55,6 +71,10 @@ int Findings::conclude() const {
         "{} databases, {} rows: {} damaged rows, {} other findings, {} not examined\n", databases_,
         rows_, damaged_rows_, other_, unexamined_);
   }
+  return exit_status();
+}
+
+int Findings::exit_status() const {
   if (damaged_rows_ + other_ > 0) return kInconsistent;
   return unexamined_ > 0 ? kIncomplete : kDone;
 }

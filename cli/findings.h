@@ -18,6 +18,12 @@ class Findings {
   void add_row(const std::string& file, const std::string& name, std::int64_t rowid,
                const std::string& reason);
 
+  // An entry's content has no list of containers; `entries` entries have that content.
+  void add_content_without_list(const std::string& entry, const std::string& poid,
+                                std::uint64_t entries);
+  // The database `file` has a list for a content that no entry has.
+  void add_lone_list(const std::string& file, const std::string& poid);
+
   // Something could not be looked at, which says nothing about it.
   void add_unexamined(const std::string& file, cr_status_t status, const std::string& reason);
 
@@ -26,13 +32,22 @@ class Findings {
 
   // Prints the totals and returns the exit status.
   int conclude() const;
+  int exit_status() const;
+
+  std::uint64_t contents_without_list() const { return contents_without_list_; }
+  std::uint64_t lone_lists() const { return lone_lists_; }
+  std::uint64_t unexamined() const { return unexamined_; }
 
  private:
+  void print(const std::string& file, const std::string& poid, const std::string& reason);
+
   const Console& console_;
   std::uint64_t databases_ = 0;
   std::uint64_t rows_ = 0;
   std::uint64_t damaged_rows_ = 0;
-  std::uint64_t other_ = 0;
+  std::uint64_t contents_without_list_ = 0;
+  std::uint64_t lone_lists_ = 0;
+  std::uint64_t other_ = 0;  // these two among them
   std::uint64_t unexamined_ = 0;
 };
 

@@ -34,29 +34,6 @@ bool prints_as(const _po_t* record, const std::string& text) {
   return printed != nullptr && text == printed.get();
 }
 
-const char* type_name(int type) {
-  switch (type) {
-    case SQLITE_INTEGER:
-      return "an integer";
-    case SQLITE_FLOAT:
-      return "a real number";
-    case SQLITE_TEXT:
-      return "text";
-    case SQLITE_BLOB:
-      return "a blob";
-    default:
-      return "NULL";
-  }
-}
-
-void check_text(const char* name, const RawColumn& column, Faults* faults) {
-  if (column.type != SQLITE_TEXT) {
-    faults->push_back(fmt::format("{} is {}, not text", name, type_name(column.type)));
-  } else if (column.bytes.find('\0') != std::string::npos) {
-    faults->push_back(fmt::format("{} holds a NUL byte", name));
-  }
-}
-
 // Whether the columns are what checksum and record can be computed from at all.
 Faults column_faults(const RawRow& row) {
   Faults faults;
@@ -90,6 +67,29 @@ void check_poid(const RawRow& row, Faults* faults) {
 }
 
 }  // namespace
+
+const char* type_name(int type) {
+  switch (type) {
+    case SQLITE_INTEGER:
+      return "an integer";
+    case SQLITE_FLOAT:
+      return "a real number";
+    case SQLITE_TEXT:
+      return "text";
+    case SQLITE_BLOB:
+      return "a blob";
+    default:
+      return "NULL";
+  }
+}
+
+void check_text(const char* name, const RawColumn& column, Faults* faults) {
+  if (column.type != SQLITE_TEXT) {
+    faults->push_back(fmt::format("{} is {}, not text", name, type_name(column.type)));
+  } else if (column.bytes.find('\0') != std::string::npos) {
+    faults->push_back(fmt::format("{} holds a NUL byte", name));
+  }
+}
 
 Faults row_faults(const RawRow& row) {
   Faults faults = column_faults(row);

@@ -23,6 +23,12 @@ struct RawRow {
   std::int64_t crc = 0;
 };
 
+// "a blob", for a type of SQLite's.
+const char* type_name(int type);
+
+// Adds what is wrong with a column that is to hold a text without NUL bytes.
+void check_text(const char* name, const RawColumn& column, std::vector<std::string>* faults);
+
 // One text for each thing that is wrong; none for a sound row.
 std::vector<std::string> row_faults(const RawRow& row);
 

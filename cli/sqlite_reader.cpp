@@ -1,9 +1,15 @@
 #include "cli/sqlite_reader.h"
 
+#include <cstddef>
+#include <limits>
+
+#include "sqlitedb/sqlite_wrapper.h"
+
 namespace cli {
 namespace {
 
 constexpr int kBusyMilliseconds = 10000;
+constexpr std::size_t kPage = 512;
 
 }  // namespace
 
@@ -24,19 +30,59 @@ Statement::Statement(const Connection& connection, const std::string& sql) {
   statement_.reset(compiled);
 }
 
+void Statement::bind(int parameter, std::int64_t value) {
+  sqlite3_bind_int64(statement_.get(), parameter, value);
+}
+
+void Statement::bind(int parameter, const std::string& text) {
+  sqlite3_bind_text64(statement_.get(), parameter, text.data(), text.size(), SQLITE_TRANSIENT,
+                      SQLITE_UTF8);
+}
+
 int Statement::step() {
   return compiled_ != SQLITE_OK ? compiled_ : sqlite3_step(statement_.get());
 }
 
-void Statement::rewind(std::int64_t parameter) {
-  sqlite3_reset(statement_.get());
-  sqlite3_bind_int64(statement_.get(), 1, parameter);
-}
+void Statement::reset() { sqlite3_reset(statement_.get()); }
 
-std::string Statement::bytes(int column) const {
+std::string_view Statement::view(int column) const {
   const auto* data = static_cast<const char*>(sqlite3_column_blob(statement_.get(), column));
   const int size = sqlite3_column_bytes(statement_.get(), column);
-  return data == nullptr ? "" : std::string(data, static_cast<std::size_t>(size));
+  return data == nullptr ? std::string_view()
+                         : std::string_view(data, static_cast<std::size_t>(size));
+}
+
+int walk_table(const Connection& connection, const std::string& table, const std::string& columns,
+               const std::function<void(const Statement&)>& take,
+               const std::function<void()>& page_done) {
+  constexpr std::int64_t kLast = std::numeric_limits<std::int64_t>::max();
+  Statement page(connection, "SELECT rowid, " + columns + " FROM " + table +
+                                 " WHERE rowid >= ? ORDER BY rowid LIMIT " + std::to_string(kPage));
+  for (std::int64_t first = std::numeric_limits<std::int64_t>::min();;) {
+    page.bind(1, first);
+    std::int64_t last = first;
+    std::size_t count = 0;
+    int code = page.step();
+    for (; code == SQLITE_ROW; code = page.step(), ++count) {
+      last = page.integer(0);
+      take(page);
+    }
+    page.reset();
+    page_done();
+    if (code != SQLITE_DONE || count < kPage || last == kLast) return code;
+    first = last + 1;
+  }
+}
+
+int find_table(const Connection& connection, const std::string& table) {
+  Statement found(connection, "SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = ?");
+  found.bind(1, table);
+  return found.step();
+}
+
+cr_status_t status_of_sqlite(int code) {
+  const cr_status_t status = sqlitedb::db_exception::dberr_to_crstatus(code & 0xff);
+  return status == CR_STATUS_OK ? CR_STATUS_FAILED : status;
 }
 
 }  // namespace cli

@@ -4,8 +4,12 @@
 #include <sqlite3.h>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
+
+#include "host/status.h"
 
 namespace cli {
 
@@ -32,14 +36,21 @@ class Statement {
  public:
   Statement(const Connection& connection, const std::string& sql);
 
+  // Parameters count from 1. Texts are copied. Only before the first step or after a reset.
+  void bind(int parameter, std::int64_t value);
+  void bind(int parameter, const std::string& text);
+
   // SQLITE_ROW, SQLITE_DONE or the code of a failure, that of the compilation included.
   int step();
-  void rewind(std::int64_t parameter);
+  // Back to before the first step; lets go of the lock.
+  void reset();
 
   int type(int column) const { return sqlite3_column_type(statement_.get(), column); }
   std::int64_t integer(int column) const { return sqlite3_column_int64(statement_.get(), column); }
   // The bytes as they are stored, NULs included. Asked for after `type`, which it may change.
-  std::string bytes(int column) const;
+  std::string bytes(int column) const { return std::string(view(column)); }
+  // The same without a copy: lives until the next step or reset.
+  std::string_view view(int column) const;
 
  private:
   struct Finalize {
@@ -48,5 +59,18 @@ class Statement {
   std::unique_ptr<sqlite3_stmt, Finalize> statement_;
   int compiled_ = SQLITE_OK;
 };
+
+// Walks a table by rowid, page by page: `take` sees every row, rowid first and then `columns`,
+// under a read lock. `page_done` runs without one. Returns SQLITE_DONE, or the code of a failure.
+int walk_table(const Connection& connection, const std::string& table, const std::string& columns,
+               const std::function<void(const Statement&)>& take,
+               const std::function<void()>& page_done);
+
+// Whether the database has a table of that name: SQLITE_ROW when it has, SQLITE_DONE when it has
+// not, or the code of a failure.
+int find_table(const Connection& connection, const std::string& table);
+
+// The status of a failure's code, never 0.
+cr_status_t status_of_sqlite(int code);
 
 }  // namespace cli

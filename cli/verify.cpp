@@ -6,11 +6,13 @@
 #include "cli/dir_list.h"
 #include "cli/dsinfo.h"
 #include "cli/findings.h"
+#include "cli/mismatches.h"
 #include "cli/row_faults.h"
 #include "cli/verify_database.h"
 #include "host/files.h"
 #include "po/dir_po.h"
 #include "podb/sqlite_podb.h"
+#include "uldb/sqlite_uldb.h"
 
 namespace cli {
 namespace {
@@ -19,11 +21,6 @@ namespace {
 // here.
 constexpr std::size_t kImageDepth = 3;
 constexpr off_t kLongestRecord = 65536;
-
-bool is_there(const std::string& path) {
-  struct stat found = {};
-  return lstat(path.c_str(), &found) == 0;
-}
 
 class Verification {
  public:
@@ -55,7 +52,9 @@ class Verification {
   void check_directory_of_catalog(const CatalogPath& directory) {
     check_entries(directory);
     check_record(directory);
-    verify_database(directory, findings_);
+    const bool entries = verify_entries(directory, findings_);
+    const bool lists = verify_lists(directory, findings_);
+    if (entries && lists) tell_mismatches(directory, findings_);
   }
 
   void unreadable(const CatalogPath& directory, cr_status_t status) {
@@ -74,8 +73,9 @@ class Verification {
   }
 
   static std::string entry_fault(const CatalogPath& directory, const DirEntry& entry) {
-    const bool examined_itself =
-        entry.name == DirPO::recordfilename() || entry.name == SQLitePODB::dbfilename();
+    const bool examined_itself = entry.name == DirPO::recordfilename() ||
+                                 entry.name == SQLitePODB::dbfilename() ||
+                                 entry.name == SQLiteULDB::dbfilename();
     if (examined_itself) return "";
     if (entry.kind == EntryKind::directory) {
       return is_reserved_name(entry.name) ? "is a directory where a file of the catalog belongs"

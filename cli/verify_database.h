@@ -1,4 +1,4 @@
-// The check of one directory's database.
+// The checks of one directory's databases.
 #pragma once
 
 #include "cli/catalog.h"
@@ -6,9 +6,11 @@
 
 namespace cli {
 
-// Checks the "po.db" of a directory, if there is one: SQLite's own integrity, schema, version and
-// every row. Goes through the rows page by page and prints between the pages, while it holds no
-// lock.
-void verify_database(const CatalogPath& directory, Findings* findings);
+// Checks po.db: SQLite's integrity, schema, version and every row. A directory without one is
+// sound. False when its rows could not all be read.
+bool verify_entries(const CatalogPath& directory, Findings* findings);
+
+// The same for ul.db and its lists of containers.
+bool verify_lists(const CatalogPath& directory, Findings* findings);
 
 }  // namespace cli

@@ -1,0 +1,242 @@
+#include "cli/mismatches.h"
+
+#include <fmt/format.h>
+
+#include <cstddef>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "cli/dir_lock.h"
+#include "cli/sqlite_reader.h"
+#include "po/file_po.h"
+#include "podb/sqlite_podb.h"
+#include "uldb/sqlite_uldb.h"
+
+namespace cli {
+namespace {
+
+constexpr std::size_t kPage = 512;
+
+// A database of the directory, if there is one.
+class Table {
+ public:
+  Table(const CatalogPath& directory, const std::string& file, std::string table)
+      : file_(directory.child(file).full()), name_(std::move(table)) {}
+
+  cr_status_t open() {
+    if (!is_there(file_)) return CR_STATUS_OK;
+    int code = connection_.open(file_);
+    if (code == SQLITE_OK) code = find_table(connection_, name_);
+    has_rows_ = code == SQLITE_ROW;
+    return has_rows_ || code == SQLITE_DONE ? CR_STATUS_OK : status_of_sqlite(code);
+  }
+
+  bool has_rows() const { return has_rows_; }
+  const Connection& connection() const { return connection_; }
+  const std::string& name() const { return name_; }
+
+ private:
+  const std::string file_;
+  const std::string name_;
+  Connection connection_;
+  bool has_rows_ = false;
+};
+
+struct Databases {
+  Table entries;
+  Table lists;
+
+  explicit Databases(const CatalogPath& directory)
+      : entries(directory, SQLitePODB::dbfilename(), "po"),
+        lists(directory, SQLiteULDB::dbfilename(), "utable") {}
+
+  cr_status_t open() {
+    const cr_status_t status = entries.open();
+    return status != CR_STATUS_OK ? status : lists.open();
+  }
+};
+
+// The different POIDs of a table in ascending order, read page by page.
+class PoidPager {
+ public:
+  explicit PoidPager(const Table& table)
+      : statement_(table.connection(), "SELECT DISTINCT poid FROM " + table.name() +
+                                           " WHERE typeof(poid) = 'text' AND poid > ?"
+                                           " ORDER BY poid LIMIT " +
+                                           std::to_string(kPage)),
+        last_page_(!table.has_rows()) {}
+
+  // Null after the last one or when `status` is not 0. It lives until the next call.
+  const std::string* next() {
+    if (position_ == page_.size() && !fill()) return nullptr;
+    return &page_[position_++];
+  }
+  cr_status_t status() const { return status_; }
+
+ private:
+  bool fill() {
+    if (last_page_) return false;
+    statement_.bind(1, page_.empty() ? std::string() : page_.back());
+    page_.clear();
+    position_ = 0;
+    int code = statement_.step();
+    for (; code == SQLITE_ROW; code = statement_.step()) page_.push_back(statement_.bytes(0));
+    statement_.reset();
+    if (code != SQLITE_DONE) status_ = status_of_sqlite(code);
+    last_page_ = code != SQLITE_DONE || page_.size() < kPage;
+    return !page_.empty();
+  }
+
+  Statement statement_;
+  std::vector<std::string> page_;
+  std::size_t position_ = 0;
+  bool last_page_;
+  cr_status_t status_ = CR_STATUS_OK;
+};
+
+// The POIDs that only one of the two databases has.
+class Comparison {
+ public:
+  explicit Comparison(const Databases& databases)
+      : entries_(databases.entries), lists_(databases.lists) {}
+
+  // At most a page of them; fewer are the last, or `status` is not 0.
+  std::vector<std::string> next_page() {
+    std::vector<std::string> lone;
+    if (!started_) advance(true, true);
+    started_ = true;
+    while (lone.size() < kPage && status() == CR_STATUS_OK && (entry_ || list_)) {
+      const int order = compare();
+      if (order != 0) lone.push_back(order < 0 ? *entry_ : *list_);
+      advance(order <= 0, order >= 0);
+    }
+    return lone;
+  }
+
+  cr_status_t status() const {
+    return entries_.status() != CR_STATUS_OK ? entries_.status() : lists_.status();
+  }
+
+ private:
+  void advance(bool entry, bool list) {
+    if (entry) entry_ = entries_.next();
+    if (list) list_ = lists_.next();
+  }
+
+  int compare() const {
+    if (list_ == nullptr) return -1;
+    return entry_ == nullptr ? 1 : entry_->compare(*list_);
+  }
+
+  PoidPager entries_;
+  PoidPager lists_;
+  const std::string* entry_ = nullptr;
+  const std::string* list_ = nullptr;
+  bool started_ = false;
+};
+
+bool has_data(const std::string& record) {
+  try {
+    return FilePO(record).udcid_qualified();
+  } catch (const Cr_ErrnoException&) {
+    return false;  // damaged: that is another finding
+  }
+}
+
+// Looks one POID up in both databases.
+class Lookup {
+ public:
+  explicit Lookup(const Databases& databases) : databases_(databases) {}
+
+  // None when nothing is wrong with that content (any more).
+  std::optional<Mismatch> judge(const std::string& poid) {
+    const std::uint64_t lists = count(databases_.lists, poid);
+    Mismatch mismatch{poid, "", count(databases_.entries, poid)};
+    if (mismatch.entries == 0 && lists != 0) return mismatch;
+    if (mismatch.entries == 0 || lists != 0) return std::nullopt;
+    mismatch.entry = first_with_data(poid);
+    return mismatch.entry.empty() ? std::nullopt : std::make_optional(mismatch);
+  }
+
+  // Not 0 when a lookup failed; what was judged since says nothing.
+  cr_status_t status() const { return status_; }
+
+ private:
+  std::uint64_t count(const Table& table, const std::string& poid) {
+    if (!table.has_rows()) return 0;
+    Statement counted(table.connection(),
+                      "SELECT COUNT(*) FROM " + table.name() + " WHERE poid = ?");
+    counted.bind(1, poid);
+    const int code = counted.step();
+    if (code != SQLITE_ROW) status_ = status_of_sqlite(code);
+    return code == SQLITE_ROW ? static_cast<std::uint64_t>(counted.integer(0)) : 0;
+  }
+
+  std::string first_with_data(const std::string& poid) {
+    Statement rows(databases_.entries.connection(),
+                   "SELECT basename, content FROM po WHERE poid = ? ORDER BY rowid");
+    rows.bind(1, poid);
+    int code = rows.step();
+    for (; code == SQLITE_ROW; code = rows.step()) {
+      if (has_data(rows.bytes(1))) return rows.bytes(0);
+    }
+    if (code != SQLITE_DONE) status_ = status_of_sqlite(code);
+    return "";
+  }
+
+  const Databases& databases_;
+  cr_status_t status_ = CR_STATUS_OK;
+};
+
+// Looks at candidates again. The databases are opened anew: theirs may have been replaced.
+cr_status_t confirm(const CatalogPath& directory, const std::vector<std::string>& poids,
+                    std::vector<Mismatch>* mismatches) {
+  DirLock lock;
+  cr_status_t status = lock.lock(directory.full());
+  if (status == CR_STATUS_NOT_FOUND) return CR_STATUS_OK;  // removed meanwhile
+  if (status != CR_STATUS_OK) return status;
+  Databases databases(directory);
+  status = databases.open();
+  if (status != CR_STATUS_OK) return status;
+  Lookup lookup(databases);
+  for (const std::string& poid : poids) {
+    const auto mismatch = lookup.judge(poid);
+    if (lookup.status() != CR_STATUS_OK) return lookup.status();
+    if (mismatch) mismatches->push_back(*mismatch);
+  }
+  return CR_STATUS_OK;
+}
+
+}  // namespace
+
+cr_status_t find_mismatches(const CatalogPath& directory,
+                            const std::function<void(const Mismatch&)>& found) {
+  Databases databases(directory);
+  const cr_status_t opened = databases.open();
+  if (opened != CR_STATUS_OK) return opened;
+  Comparison comparison(databases);
+  std::vector<std::string> candidates;
+  do {
+    candidates = comparison.next_page();
+    std::vector<Mismatch> mismatches;
+    const cr_status_t status = confirm(directory, candidates, &mismatches);
+    for (const Mismatch& mismatch : mismatches) found(mismatch);
+    if (status != CR_STATUS_OK) return status;
+  } while (candidates.size() == kPage);
+  return comparison.status();
+}
+
+void tell_mismatches(const CatalogPath& directory, Findings* findings) {
+  const std::string lists = directory.child(SQLiteULDB::dbfilename()).full();
+  const cr_status_t status = find_mismatches(directory, [&](const Mismatch& mismatch) {
+    if (mismatch.entry.empty()) return findings->add_lone_list(lists, mismatch.poid);
+    findings->add_content_without_list(directory.child(mismatch.entry).full(), mismatch.poid,
+                                       mismatch.entries);
+  });
+  if (status == CR_STATUS_OK || !is_there(directory.full())) return;
+  findings->add_unexamined(directory.full(), status,
+                           "its contents and their lists of containers cannot be compared");
+}
+
+}  // namespace cli
