@@ -15,8 +15,6 @@
 
 namespace {
 
-constexpr std::size_t kLongestPath = 4095;
-
 constexpr const char* kCleanLogs = "SDCleanLogs";
 constexpr const char* kCleanKeyLogs = "SDCleanKeyLogs";
 
@@ -105,17 +103,17 @@ class Walk {
     }
   }
 
-  // A path too long for the host is passed over: cut, it could name its own directory or another
-  // file.
   void clean_entry(const Rule& rule, int parent, const char* name) {
     const std::size_t length = path_.size();
     path_.append("/").append(name);
-    if (path_.size() <= kLongestPath) clean_examined(rule, parent, name);
+    clean_examined(rule, parent, name);
     path_.resize(length);
   }
 
-  // Examined by path, as the deletion is. Entered through the parent, and never by a symbolic link
-  // that has taken the directory's place since: that could lead out of the tree.
+  // Examined by path, as the deletion is; the system refuses one that is too long, which is never
+  // cut: it could then name its own directory or another file. Entered through the parent, and
+  // never by a symbolic link that has taken the directory's place since: that could lead out of the
+  // tree.
   void clean_examined(const Rule& rule, int parent, const char* name) {
     struct stat info {};
     if (lstat(path_.c_str(), &info) != 0) return;

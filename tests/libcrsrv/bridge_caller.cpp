@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 
 #include "libcrsrv/quillmisc.h"
 
@@ -37,7 +38,11 @@ int main(int argc, char** argv) {
   const auto list = function_of<decltype(quill_nxattr_list)>(bridge, "quill_nxattr_list");
   const auto remove = function_of<decltype(quill_nxattr_remove)>(bridge, "quill_nxattr_remove");
   const auto clock = function_of<decltype(quill_get_compclk)>(bridge, "quill_get_compclk");
-  const auto pointer = [](std::uintptr_t value) { return reinterpret_cast<void*>(value); };
+  const auto pointer = [](std::uintptr_t value) {
+    void* made = nullptr;
+    std::memcpy(&made, &value, sizeof made);
+    return made;
+  };
   timeval now{};
   errno = 7;
   std::printf("%d\n", set(-1, pointer(1), nullptr, pointer(3), 4));

@@ -88,9 +88,12 @@ class Daemon {
   Daemon& operator=(const Daemon&) = delete;
   ~Daemon() { end(); }
 
+  // The daemon becomes this process's child only when those between have ended, which it does not
+  // wait for.
   void end() {
-    if (report.pid > 0) kill(report.pid, SIGKILL);
-    if (report.pid > 0) waitpid(report.pid, nullptr, 0);
+    if (report.pid <= 0) return;
+    kill(report.pid, SIGKILL);
+    for (pid_t ended = 0; ended != report.pid && ended != -1;) ended = waitpid(-1, nullptr, 0);
     report.pid = -1;
   }
 

@@ -43,23 +43,23 @@ TEST(ApplyJournal, RestoresInOneBatchOrLineByLine) {
     bool whole_first;
     cr_status_t status;
     const char* ids;
-    const char* info;  // the last such line, unless empty
-    const char* error = "";
+    const char* info;   // the last such line, unless empty
+    const char* error;  // unless empty
   } cases[] = {
-      {"DELETE FROM t;\nINSERT INTO t VALUES (1, 2);", kBatch, 0, "1", ""},
+      {"DELETE FROM t;\nINSERT INTO t VALUES (1, 2);", kBatch, 0, "1", "", ""},
       {"DELETE FROM t;\nINSERTED;\nREPLACE INTO t VALUES (1, 2);\n", kBatch, CR_STATUS_BAD_ARG, "1",
-       "Could not execute the SQL statement INSERTED; in the journal file j"},
+       "Could not execute the SQL statement INSERTED; in the journal file j", ""},
       {"\n\nINSERT INTO t VALUES (1, 2);\n\n\ndElEtE FROM t;\nDrop TABLE "
        "t;\ndropped;\nEND;\n(;;;;\n"
        "DELETED\nINSERT INTO t VALUES (2, 2);\nINSERT INTO t VALUES (3, 2)",
-       kLines, 0, "012", ""},
+       kLines, 0, "012", "", ""},
       {"INSERT INTO t VALUES (1, 2);\nINSERT INTO t VALUES (1, 2);\nINSERT INTO t VALUES (3, 2);",
        kLines, CR_STATUS_FAILED, "01", "[DBERR 00000613]: constraint failed",
        "Failed to execute the contents of j"},
       {"SELECT 1 FROM missing;\n", kBatch, CR_STATUS_FAILED, "0",
-       "[DBERR 00000001]: SQL logic error"},
+       "[DBERR 00000001]: SQL logic error", ""},
       {"INSERT INTO t VALUES (1, 2)", kLines, CR_STATUS_BAD_ARG, "0",
-       "Failed to find a ';' character in the the contents of j"},
+       "Failed to find a ';' character in the the contents of j", ""},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.journal);
