@@ -24,21 +24,17 @@ namespace {
 namespace fs = std::filesystem;
 using Paths = std::set<std::string>;
 
-class LogCleanup : public testing::Test {
- protected:
-  LogCleanup() {
-    const struct {
-      const char* path;
-      time_t age;
-      const char* content;
-    } files[] = {
-        {"old", 10 * kDay + 1, "x"},         {"cutoff", 10 * kDay, "x"},
-        {"empty", 3 * kDay + 1, ""},         {"empty_cutoff", 3 * kDay, ""},
-        {".hidden", 99 * kDay, "x"},         {".dir/old", 99 * kDay, "x"},
-        {"abc/old", 99 * kDay, "x"},         {"abc/young", 1, "x"},
-        {"deep/er/abc.old", 99 * kDay, "x"}, {"deep/er/old", 99 * kDay, "x"},
-    };
-    for (const auto& file : files) add(file.path, file.age, file.content);
+// A fresh tree of logs of known ages.
+struct Tree {
+  Tree() {
+    add("old", 10 * kDay + 1);
+    add("cutoff", 10 * kDay);
+    add("empty", 3 * kDay + 1, "");
+    add("empty_cutoff", 3 * kDay, "");
+    add("abc/young", 1);
+    for (const char* name : {".hidden", ".dir/old", "abc/old", "deep/er/abc.old", "deep/er/old"}) {
+      add(name, 99 * kDay);
+    }
     fs::create_directory(dir.path("void"));
     fs::create_symlink(dir.path(".dir/old"), dir.path("link"));
     touch("link", 99 * kDay);
@@ -46,9 +42,9 @@ class LogCleanup : public testing::Test {
 
   void touch(const std::string& name, time_t age) const {
     const timespec times[2] = {{kNow - age, 0}, {kNow - age, 0}};
-    ASSERT_EQ(utimensat(AT_FDCWD, dir.path(name).c_str(), times, AT_SYMLINK_NOFOLLOW), 0);
+    EXPECT_EQ(utimensat(AT_FDCWD, dir.path(name).c_str(), times, AT_SYMLINK_NOFOLLOW), 0);
   }
-  void add(const std::string& name, time_t age, const std::string& content) const {
+  void add(const std::string& name, time_t age, const std::string& content = "x") const {
     fs::create_directories(fs::path(dir.path(name)).parent_path());
     std::ofstream(dir.path(name)) << content;
     touch(name, age);
@@ -60,61 +56,47 @@ class LogCleanup : public testing::Test {
     }
     return found;
   }
-  Paths removed_by(const std::function<void(const char* path)>& cleanup) const {
-    Paths gone = paths();
-    cleanup(dir.path().c_str());
-    for (const std::string& kept : paths()) gone.erase(kept);
-    return gone;
-  }
 
   const TempDir dir;
 };
 
-struct CleanupCase {
-  const char* name;
-  std::function<void(const char* path)> cleanup;
-  Paths removed;
-};
+int ten_for_abc(const char* name) { return name == std::string("abc") ? 10 : 0; }
 
-class LogCleanupTable : public LogCleanup, public testing::WithParamInterface<CleanupCase> {};
-
-TEST_P(LogCleanupTable, RemovesExactly) {
-  EXPECT_EQ(removed_by(GetParam().cleanup), GetParam().removed);
+TEST(LogCleanup, RemovesExactlyWhatIsOverItsLimit) {
+  const struct {
+    std::function<void(const char* path)> clean;
+    Paths removed;
+  } cases[] = {
+      {[](const char* path) { SDCleanLogs(path, 10, 1, 0, nullptr); },
+       {"old", "abc/old", "deep/er/abc.old", "deep/er/old", "deep/er", "deep", "void"}},
+      {[](const char* path) { SDCleanLogs(path, 10, 0, 3, nullptr); }, {"old", "empty"}},
+      {[](const char* path) { SDCleanLogs(path, 0, 1, 3, nullptr); }, {"empty", "void"}},
+      {[](const char* path) { SDCleanLogs(path, INT_MAX, 0, INT_MAX, nullptr); }, {}},
+      {[](const char* path) { SDCleanLogs(path, 0, 1, 0, ten_for_abc); }, {"abc/old", "void"}},
+      {[](const char* path) { SDCleanKeyLogs(path, "/abc", 10, 1); },
+       {"abc/old", "deep/er/abc.old", "void"}},
+      {[](const char* path) { SDCleanKeyLogs(path, "old", 10, 0); }, {"old"}},
+      {[](const char* path) { SDCleanKeyLogs(path, "", 0, 1); }, {}},
+  };
+  for (const auto& c : cases) {
+    const Tree tree;
+    Paths gone = tree.paths();
+    c.clean(tree.dir.path().c_str());
+    for (const std::string& kept : tree.paths()) gone.erase(kept);
+    EXPECT_EQ(gone, c.removed) << "case " << &c - cases;
+  }
 }
 
-const Paths kAllOld = {"old",  "abc/old", "deep/er/abc.old", "deep/er/old", "deep/er",
-                       "deep", "void"};
-
-const CleanupCase kCases[] = {
-    {"ByAge", [](const char* path) { SDCleanLogs(path, 10, 1, 0, nullptr); }, kAllOld},
-    {"TopOnly", [](const char* path) { SDCleanLogs(path, 10, 0, 3, nullptr); }, {"old", "empty"}},
-    {"EmptyOnly", [](const char* path) { SDCleanLogs(path, 0, 1, 3, nullptr); }, {"empty", "void"}},
-    {"NoLimit", [](const char* path) { SDCleanLogs(path, -1, 1, 0, nullptr); }, {"void"}},
-    {"FarLimit", [](const char* path) { SDCleanLogs(path, INT_MAX, 0, INT_MAX, nullptr); }, {}},
-    {"ByDirectory",
-     [](const char* path) {
-       SDCleanLogs(path, 0, 1, 0, [](const char* name) { return int{name == std::string("abc")}; });
-     },
-     {"abc/old", "void"}},
-    {"ByKey",
-     [](const char* path) { SDCleanKeyLogs(path, "/abc", 10, 1); },
-     {"abc/old", "deep/er/abc.old", "void"}},
-    {"ByKeyTopOnly", [](const char* path) { SDCleanKeyLogs(path, "old", 10, 0); }, {"old"}},
-    {"ByKeyWithoutLimit", [](const char* path) { SDCleanKeyLogs(path, "", 0, 1); }, {}},
-};
-
-INSTANTIATE_TEST_SUITE_P(, LogCleanupTable, testing::ValuesIn(kCases),
-                         [](const auto& test) { return test.param.name; });
-
-TEST_F(LogCleanup, DoesNotFollowALinkThatTookTheDirectorysPlace) {
+TEST(LogCleanup, DoesNotFollowALinkThatTookTheDirectorysPlace) {
   static std::string place, target;
+  const Tree tree;
   const TempDir outside;
-  place = dir.path("abc");
+  place = tree.dir.path("abc");
   target = outside.path("abc");
   fs::rename(place, target);
   fs::create_directory(place);
-  SDCleanLogs(dir.path().c_str(), 10, 1, 0, [](const char* name) {
-    if (place == fs::path(place).replace_filename(name)) {
+  SDCleanLogs(tree.dir.path().c_str(), 10, 1, 0, [](const char* name) {
+    if (name == std::string("abc")) {
       fs::remove(place);
       fs::create_symlink(target, place);
     }
@@ -124,9 +106,10 @@ TEST_F(LogCleanup, DoesNotFollowALinkThatTookTheDirectorysPlace) {
 }
 
 // Cut at the longest path, the path of the file would be that of its own directory.
-TEST_F(LogCleanup, PassesOverWhatLiesTooDeep) {
-  std::size_t length = dir.path("abc").size();
-  int fd = open(dir.path("abc").c_str(), O_DIRECTORY);
+TEST(LogCleanup, PassesOverWhatLiesTooDeep) {
+  const Tree tree;
+  std::size_t length = tree.dir.path("abc").size();
+  int fd = open(tree.dir.path("abc").c_str(), O_DIRECTORY);
   while (length < 4094) {
     const std::size_t rest = 4094 - length;
     const std::string name((rest > 200 ? 100 : rest) - 1, 'd');
@@ -137,33 +120,30 @@ TEST_F(LogCleanup, PassesOverWhatLiesTooDeep) {
     fd = below;
   }
   close(openat(fd, "file", O_CREAT | O_WRONLY, 0600));
-  const timespec times[2] = {{0, 0}, {0, 0}};
+  const timespec times[2] = {};
   ASSERT_EQ(utimensat(fd, "file", times, 0), 0);
-  SDCleanLogs(dir.path().c_str(), 10, 1, 1, nullptr);
-  SDCleanKeyLogs(dir.path().c_str(), "", 10, 1);
+  SDCleanLogs(tree.dir.path().c_str(), 10, 1, 1, nullptr);
   EXPECT_EQ(faccessat(fd, "file", F_OK, 0), 0);
   close(fd);
 }
 
-TEST_F(LogCleanup, TracesWhatItDoes) {
+TEST(LogCleanup, TracesWhatItDoes) {
+  const Tree tree;
+  const std::string root = tree.dir.path();
   LogCapture log(refhost::LogLevel::Trace);
-  const auto expect = [&](const std::string& line) {
-    log.expect(refhost::LogLevel::Trace, CR_STATUS_NONE, line);
-  };
-  const std::string root = dir.path();
-  SDCleanLogs(root.c_str(), 10, 0, 0, nullptr);
-  SDCleanKeyLogs((root + "/abc").c_str(), "old", 10, 0);
-  SDCleanLogs((root + "/none").c_str(), 1, 0, 0, nullptr);
+  SDCleanLogs((root + "/deep/er").c_str(), 10, 0, 0, nullptr);
+  SDCleanKeyLogs((root + "/abc").c_str(), "young", 10, 0);
   SDCleanKeyLogs((root + "/none").c_str(), "k", 1, 0);
-  expect("SDCleanLogs: " + root + ", maxdays=10");
-  expect(root + "/old: expired");
-  expect("SDCleanKeyLogs: path=" + root + "/abc, key=old, maxdays=10, descend=0");
-  expect("SDCleanKeyLogs: " + root + "/abc/old: expired");
-  expect("SDCleanKeyLogs: " + root + "/abc/young: skipping");
-  expect("SDCleanLogs: " + root + "/none, maxdays=1");
-  expect(root + "/none: No such file or directory");
-  expect("SDCleanKeyLogs: path=" + root + "/none, key=k, maxdays=1, descend=0");
-  expect("SDCleanKeyLogs: " + root + "/none: No such file or directory");
+  for (const std::string& line :
+       {"SDCleanLogs: " + root + "/deep/er, maxdays=10", root + "/deep/er/old: expired",
+        root + "/deep/er/abc.old: expired",
+        "SDCleanKeyLogs: path=" + root + "/abc, key=young, maxdays=10, descend=0",
+        "SDCleanKeyLogs: " + root + "/abc/old: skipping",
+        "SDCleanKeyLogs: " + root + "/abc/young: skipping",
+        "SDCleanKeyLogs: path=" + root + "/none, key=k, maxdays=1, descend=0",
+        "SDCleanKeyLogs: " + root + "/none: No such file or directory"}) {
+    log.expect(refhost::LogLevel::Trace, CR_STATUS_NONE, line);
+  }
   EXPECT_TRUE(log.lines().empty());
 }
 

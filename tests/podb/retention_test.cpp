@@ -234,64 +234,57 @@ TEST_F(Retention, EndsNoLockEarlyAndShortensNoneInAnyScheduleOfTheClock) {
   }
 }
 
-struct ClockCase {
-  const char* name;
-  const char* mount_file;  // contents of the file that names the mount point, unless null
-  const char* made;        // directory that exists, unless null
-  cr_status_t status;
-  const char* error;
-};
-
-class ComplianceClock : public testing::TestWithParam<ClockCase> {};
-
-// A stale reason, and what a caller left in the result, decide nothing.
-TEST_P(ComplianceClock, ComesFromTheMountPoint) {
-  in_private_mounts({"/etc", "/opt"}, [] {
-    const ClockCase& c = GetParam();
-    LogCapture log;
-    std::filesystem::create_directory("/etc/tarn");
-    if (c.mount_file != nullptr) std::ofstream("/etc/tarn/worm") << c.mount_file;
-    if (c.made != nullptr) std::filesystem::create_directories(c.made);
-    for (int round = 0; round < 2; ++round) {
-      timeval now{1, 1};
-      errno = EOPNOTSUPP;
-      EXPECT_EQ(get_compclk(&now), c.status);
-      EXPECT_EQ(now.tv_sec, c.status == CR_STATUS_OK ? 4711 : 1);
-      EXPECT_EQ(now.tv_usec, c.status == CR_STATUS_OK ? 0 : 1);
-      if (c.status != CR_STATUS_OK) log.expect_error(c.status, c.error);
-      std::ofstream("/etc/tarn/worm") << "/etc\n";  // not read again
-    }
-    std::ofstream(kMarker) << "";
-    fake_clock.seconds = 5000;
-    timeval now{};
-    EXPECT_EQ(get_compclk(&now), CR_STATUS_OK);
-    EXPECT_EQ(now.tv_sec, 5000);
-    EXPECT_EQ(now.tv_usec, 0);
-  });
-}
-
-const std::string kLongLine = "/opt/" + std::string(5000, 'a');
-constexpr const char* kDefault = "/opt/halyard/arbor-manage/worm";
 constexpr const char* kMissing = "get_compclk: compliance clock mount point is not existing";
 
-const ClockCase kClockCases[] = {
-    {"Named", "/opt/m\nrest", "/opt/m", CR_STATUS_OK, ""},
-    {"NoFile", nullptr, kDefault, CR_STATUS_OK, ""},
-    {"EmptyFile", "", kDefault, CR_STATUS_OK, ""},
-    {"EmptyLine", "\n/opt/halyard\n", kDefault, CR_STATUS_OK, ""},
-    {"LongLine", kLongLine.c_str(), kDefault, CR_STATUS_OK, ""},
-    {"NamesNothing", "/opt/m\n", kDefault, CR_STATUS_OK, ""},
-    {"Nothing", "/opt/m\n", nullptr, CR_STATUS_NOT_PROVIDED, kMissing},
-    {"NotEnabled", "/opt/s", "/opt/s", CR_STATUS_NOT_PROVIDED,
-     "get_compclk: compliance clock is not enabled"},
-    {"Fails", "/opt/f", "/opt/f", CR_STATUS_FAILED,
-     "get_compclk: fail to get compliance clock on mount point (/opt/f), errno=5"},
-    {"FailsWithoutReason", "/opt/q", "/opt/q", CR_STATUS_FAILED,
-     "get_compclk: fail to get compliance clock on mount point (/opt/q), errno=0"},
-};
-
-INSTANTIATE_TEST_SUITE_P(, ComplianceClock, testing::ValuesIn(kClockCases),
-                         [](const auto& test) { return test.param.name; });
+// Each case is its own process: the mount point is found out once. A stale reason, and what a
+// caller left in the result, decide nothing.
+TEST(ComplianceClock, ComesFromTheMountPoint) {
+  constexpr const char* kDefault = "/opt/halyard/arbor-manage/worm";
+  const std::string long_line = "/opt/" + std::string(5000, 'a');
+  const struct {
+    const char* mount_file;  // what names the mount point, unless null
+    const char* made;        // a directory that exists
+    cr_status_t status;
+    const char* error;
+  } cases[] = {
+      {"/opt/m\nrest", "/opt/m", CR_STATUS_OK, ""},
+      {nullptr, kDefault, CR_STATUS_OK, ""},
+      {"", kDefault, CR_STATUS_OK, ""},
+      {"\n/opt/halyard\n", kDefault, CR_STATUS_OK, ""},
+      {long_line.c_str(), kDefault, CR_STATUS_OK, ""},
+      {"/opt/m\n", kDefault, CR_STATUS_OK, ""},
+      {"/opt/m\n", "/opt/other", CR_STATUS_NOT_PROVIDED, kMissing},
+      {"/opt/s", "/opt/s", CR_STATUS_NOT_PROVIDED, "get_compclk: compliance clock is not enabled"},
+      {"/opt/f", "/opt/f", CR_STATUS_FAILED,
+       "get_compclk: fail to get compliance clock on mount point (/opt/f), errno=5"},
+      {"/opt/q", "/opt/q", CR_STATUS_FAILED,
+       "get_compclk: fail to get compliance clock on mount point (/opt/q), errno=0"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(&c - cases);
+    in_private_mounts({"/etc", "/opt"}, [&c] {
+      LogCapture log;
+      std::filesystem::create_directory("/etc/tarn");
+      if (c.mount_file != nullptr) std::ofstream("/etc/tarn/worm") << c.mount_file;
+      std::filesystem::create_directories(c.made);
+      for (int round = 0; round < 2; ++round) {
+        timeval now{1, 1};
+        errno = EOPNOTSUPP;
+        EXPECT_EQ(get_compclk(&now), c.status);
+        EXPECT_EQ(now.tv_sec, c.status == CR_STATUS_OK ? 4711 : 1);
+        EXPECT_EQ(now.tv_usec, c.status == CR_STATUS_OK ? 0 : 1);
+        if (c.status != CR_STATUS_OK) log.expect_error(c.status, c.error);
+        std::ofstream("/etc/tarn/worm") << "/etc\n";  // not read again
+      }
+      std::ofstream(kMarker) << "";
+      fake_clock.seconds = 5000;
+      timeval now{};
+      EXPECT_EQ(get_compclk(&now), CR_STATUS_OK);
+      EXPECT_EQ(now.tv_sec, 5000);
+      EXPECT_EQ(now.tv_usec, 0);
+    });
+  }
+}
 
 TEST_F(Retention, NeedsTheClockForLocksAndTheirReports) {
   store(9999);

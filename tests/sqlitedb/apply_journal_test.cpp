@@ -146,16 +146,4 @@ TEST(ApplyJournal, TellsWhichFilesItCouldNotRead) {
   log.expect_error(CR_STATUS_NOT_FOUND, ":memory: is not opened.");
 }
 
-TEST(ApplyJournal, ReportsSQLitesFailuresLikeAnyConnection) {
-  LogCapture log;
-  Db db;
-  EXPECT_EQ(db.on_db_error(SQLITE_ERROR, "x", "near \"x\": syntax error"), CR_STATUS_BAD_ARG);
-  log.expect_info(CR_STATUS_NONE, "[SQL SYNTAX ERROR]: [[[\"x\"]]] near \"x\": syntax error");
-  EXPECT_EQ(db.on_db_error(SQLITE_BUSY, "x", "locked"), CR_STATUS_BUSY);
-  log.expect_info(CR_STATUS_BUSY, ":memory:: [[[\"x\"]]] (5:locked) returns SQLITE_BUSY.");
-  EXPECT_THROW(db.on_db_error(SQLITE_CORRUPT, "x", "a syntax error"), sqlitedb::db_exception);
-  log.expect_error(CR_STATUS_CORRUPT,
-                   ":memory:: failed to execute [[[\"x\"]]] (11:a syntax error)");
-}
-
 }  // namespace
