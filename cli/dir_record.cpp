@@ -41,7 +41,7 @@ bool holds_something(const std::string& directory, cr_status_t* status) {
 
 bool is_protected(const IngestJob& job, const std::string& directory) {
   DirPO stored(job.dsid);
-  return stored.load(job.root, directory) == 0 && protected_entry(stored.record());
+  return stored.load(job.root, directory) == 0 && protected_entry(stored.record(), job.clock);
 }
 
 // Why the directory is to stay; a problem without a text when nothing stands against its deletion.
@@ -75,7 +75,7 @@ void store_directory(const IngestJob& job, const std::string& directory,
   DirPO stored(job.dsid);
   if (has_record(directory) && stored.load(job.root, directory) == 0) {
     if (POEqualsPO(stored.record(), incoming.record(), 0) != 0) return;
-    if (protected_entry(stored.record())) status = CR_STATUS_IMMUTABLE;
+    if (protected_entry(stored.record(), job.clock)) status = CR_STATUS_IMMUTABLE;
   }
   if (status == CR_STATUS_OK) status = apply(job, directory, &incoming, &outcome->delta);
   if (status == CR_STATUS_OK) return;

@@ -86,8 +86,4 @@ bool has_record(const CatalogPath& directory) {
   return is_there(directory.child(DirPO::recordfilename()).full());
 }
 
-bool protected_entry(const _po_t* record) {
-  return (POGetSpecialFlags(record) & SF_IMMUTABLE) != 0;
-}
-
 }  // namespace cli

@@ -32,8 +32,4 @@ bool names_directory(const std::string& path);
 // Whether the directory's own record is there. One without never arrived: it is not counted.
 bool has_record(const CatalogPath& directory);
 
-// Whether the command leaves this entry alone, whatever it is asked to do: it belongs to an
-// immutable image.
-bool protected_entry(const _po_t* record);
-
 }  // namespace cli

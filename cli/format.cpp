@@ -1,5 +1,6 @@
 #include "cli/format.h"
 
+#include <algorithm>
 #include <array>
 #include <ctime>
 
@@ -28,6 +29,23 @@ std::string utc_time(std::uint64_t seconds) {
   std::array<char, 32> text = {};
   const std::size_t length = std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &parts);
   return {text.data(), length};
+}
+
+std::string duration(std::uint64_t seconds) {
+  struct Unit {
+    std::uint64_t seconds;
+    char letter;
+  };
+  constexpr std::array<Unit, 4> kUnits = {{{86400, 'd'}, {3600, 'h'}, {60, 'm'}, {1, 's'}}};
+  std::size_t largest = 0;
+  while (largest + 1 < kUnits.size() && seconds < kUnits[largest].seconds) ++largest;
+  std::string text;
+  for (std::size_t i = largest; i < std::min(largest + 2, kUnits.size()); ++i) {
+    if (i > largest) text += ' ';
+    text += std::to_string(seconds / kUnits[i].seconds) + kUnits[i].letter;
+    seconds %= kUnits[i].seconds;
+  }
+  return text;
 }
 
 std::string mode_letters(const refhost::RecordFields& fields) {

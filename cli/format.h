@@ -11,6 +11,9 @@ namespace cli {
 // Seconds since the epoch as "2026-03-04T05:06:07Z"; "-" beyond the year 9999.
 std::string utc_time(std::uint64_t seconds);
 
+// A period by its two largest units: "89d 23h", "5m 0s", "7s".
+std::string duration(std::uint64_t seconds);
+
 // "drwxr-xr-x", its first letter after the record's type.
 std::string mode_letters(const refhost::RecordFields& fields);
 

@@ -7,6 +7,7 @@
 
 #include "cli/ingest_result.h"
 #include "cli/progress.h"
+#include "cli/protection.h"
 #include "cli/source_dir.h"
 
 namespace cli {
@@ -17,6 +18,7 @@ struct IngestJob {
   unsigned int dsid = 0;
   bool delete_missing = false;
   bool with_content = true;
+  ComplianceClock clock;                    // tells which locks are in force
   std::vector<FileId> catalog;              // directories that are never ingested
   const std::atomic<bool>* stop = nullptr;  // set when the run is to end early
   Progress* progress = nullptr;

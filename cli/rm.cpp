@@ -12,6 +12,7 @@
 #include "cli/dsinfo.h"
 #include "cli/entry.h"
 #include "cli/json.h"
+#include "cli/protection.h"
 #include "podb/sqlite_podb.h"
 #include "refhost/record.h"
 
@@ -24,14 +25,13 @@ struct Refusal {
   std::string text;
 };
 
-Refusal entry_refusal(cr_status_t status, const PO* entry) {
+Refusal entry_refusal(cr_status_t status, const PO* entry, const ComplianceClock& clock) {
   if (status == CR_STATUS_NOT_FOUND) return {status, "no such entry in the catalog"};
   if (status != CR_STATUS_OK) {
     return {status, "not removed: the entry is damaged, so nobody knows whether it is protected"};
   }
-  if (protected_entry(entry->record())) {
-    return {CR_STATUS_IMMUTABLE, "not removed: it belongs to an immutable image"};
-  }
+  const std::string protection = protection_text(entry->record(), clock);
+  if (!protection.empty()) return {CR_STATUS_IMMUTABLE, "not removed: " + protection};
   return {};
 }
 
@@ -99,6 +99,7 @@ class Removal {
   }
 
   const CatalogPath path_;
+  const ComplianceClock clock_;
 };
 
 class FileRemoval : public Removal {
@@ -108,7 +109,7 @@ class FileRemoval : public Removal {
   Refusal refusal() const override {
     std::unique_ptr<FilePO> entry;
     const cr_status_t status = read_file(path_, &entry);
-    return entry_refusal(status, entry.get());
+    return entry_refusal(status, entry.get(), clock_);
   }
 
   CatalogPath guard() const override { return path_.parent(); }
@@ -135,7 +136,7 @@ class DirectoryRemoval : public Removal {
     }
     std::unique_ptr<DirPO> entry;
     const cr_status_t status = read_directory(path_, &entry);
-    const Refusal found = entry_refusal(status, entry.get());
+    const Refusal found = entry_refusal(status, entry.get(), clock_);
     return found.text.empty() ? content_refusal(path_) : found;
   }
 

@@ -103,7 +103,7 @@ void RowBatch::store(const std::string& name, const SourceFile& file) {
   FilePO stored(job_.dsid);
   const Stored found = load(name, &stored);
   const bool same = found == Stored::readable && is_same(stored, incoming);
-  if (found == Stored::readable && !same && protected_entry(stored.record())) {
+  if (found == Stored::readable && !same && protected_entry(stored.record(), job_.clock)) {
     return refuse_protected(name);
   }
   if (!same) update(name, &incoming);
@@ -132,7 +132,8 @@ void RowBatch::remove_others(const std::vector<std::string>& kept) {
 void RowBatch::remove(const std::string& name) {
   FilePO stored(job_.dsid);
   const Stored found = load(name, &stored);
-  if (found == Stored::readable && protected_entry(stored.record())) return refuse_protected(name);
+  if (found == Stored::readable && protected_entry(stored.record(), job_.clock))
+    return refuse_protected(name);
   FilePO gone(job_.root, path_of(name), job_.dsid);
   refhost::RecordFields fields = refhost::get_fields(gone.record());
   fields.mod_type = PO_MODTYPE_DELETE;
