@@ -6,8 +6,8 @@
 
 extern "C" {
 
-// Turns the process into a daemon. `foreground` true keeps it attached to its terminal and
-// directory.
+// Turns the process into a daemon, before it has other threads. `foreground` true keeps it attached
+// to its terminal and directory.
 HOST_API int DaemonInit(bool foreground);
 
 // Takes the lock `name` in `directory` for the life of the process and records its pid there.

@@ -32,7 +32,8 @@ HOST_API cr_status_t wa_stat(const char* path, struct stat* out);
 // True for a directory.
 HOST_API bool wa_isdir(const char* path);
 
-// Creates the directory and its missing parents with `mode`; 0 when it is there already.
+// Creates the directory and its missing parents with `mode`; 0 when it is there already. A host may
+// refuse symbolic links in the path, as the reference host does: the catalog root is given without.
 HOST_API cr_status_t wa_createtree(const char* path, unsigned int mode);
 
 // Delete a file; a directory with all that it holds, symbolic links not followed.
@@ -62,7 +63,8 @@ HOST_API void ZelSleep(unsigned int seconds);
 // Replaces `*content` by the whole file.
 HOST_API cr_status_t wa_readfile(const char* path, std::string* content);
 
-// Writes the whole file: `append` false (the library never appends) replaces what was there.
+// Writes the whole file: `append` false (the library never appends) replaces what was there, a
+// symbolic link included.
 HOST_API cr_status_t wa_writefile(const char* path, const std::string& content, bool append);
 
 // The part before the last "/" and the part after it.

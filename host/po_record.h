@@ -38,10 +38,9 @@ inline constexpr int PO_TYPE_DIR = 1;
 inline constexpr int PO_MODTYPE_DELETE = 'D';
 
 // Bits of the special-flag word.
-inline constexpr std::uint32_t SF_IMMUTABLE = 0x2000000;  // an entry of an immutable image
-inline constexpr std::uint32_t SF_RETENTION_LOCK =
-    0x4000000;                                            // the access time is a retention lock
-inline constexpr std::uint32_t SF_CLOUDLSU = 0x40000000;  // the image lives on cloud storage
+inline constexpr std::uint32_t SF_IMMUTABLE = 0x2000000;       // an entry of an immutable image
+inline constexpr std::uint32_t SF_RETENTION_LOCK = 0x4000000;  // the access time is a lock
+inline constexpr std::uint32_t SF_CLOUDLSU = 0x40000000;       // the image lives on cloud storage
 
 extern "C" {
 

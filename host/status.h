@@ -25,13 +25,12 @@ inline constexpr cr_status_t CR_STATUS_NO_MEMORY = 22;     // memory allocation 
 inline constexpr cr_status_t CR_STATUS_BAD_DATA = 32;      // empty file, invalid size, bad checksum
 inline constexpr cr_status_t CR_STATUS_NO_LOCATION = 47;   // the entry has no directory or no leaf
 inline constexpr cr_status_t CR_STATUS_CORRUPT = 67;       // damaged, not a database, or moved away
-inline constexpr cr_status_t CR_STATUS_NOT_PROVIDED =
-    71;  // this store does not provide the operation
-inline constexpr cr_status_t CR_STATUS_BAD_RECORD =
-    103;  // wrong type, or a text that does not parse
-inline constexpr cr_status_t CR_STATUS_NOT_EMPTY = 119;  // the database was kept: it may hold rows
-inline constexpr cr_status_t CR_STATUS_IMMUTABLE = 127;  // the entry belongs to an immutable image
-inline constexpr cr_status_t CR_STATUS_NONE = -1;        // a log line without a particular status
+inline constexpr cr_status_t CR_STATUS_NOT_PROVIDED = 71;  // not provided by this store
+inline constexpr cr_status_t CR_STATUS_UNAVAILABLE = 95;   // the function is not available
+inline constexpr cr_status_t CR_STATUS_BAD_RECORD = 103;   // wrong type, or does not parse
+inline constexpr cr_status_t CR_STATUS_NOT_EMPTY = 119;    // the database was kept
+inline constexpr cr_status_t CR_STATUS_IMMUTABLE = 127;    // an entry of an immutable image
+inline constexpr cr_status_t CR_STATUS_NONE = -1;          // no particular status
 
 extern "C" {
 

@@ -8,8 +8,6 @@
 
 namespace {
 
-constexpr unsigned long kCloseRetries = 3;
-
 // However its initialisation was interrupted, a connection that never became an open one goes: it
 // would answer for an open one ever after.
 class HalfOpenGuard {
@@ -18,7 +16,11 @@ class HalfOpenGuard {
   HalfOpenGuard(const HalfOpenGuard&) = delete;
   HalfOpenGuard& operator=(const HalfOpenGuard&) = delete;
   ~HalfOpenGuard() {
-    if (connection_.has_handle() && !connection_.is_open()) connection_.close_db(kCloseRetries);
+    if (!connection_.has_handle() || connection_.is_open()) return;
+    try {
+      connection_.close_db(sqlitedb::kCloseRetries);
+    } catch (...) {  // of a host function that ran out of memory, which the caller learns anyway
+    }
   }
 
  private:
@@ -165,4 +167,4 @@ cr_status_t SQLitePODB::drop_db_if_empty() {
   return db->drop_db();
 }
 
-cr_status_t SQLitePODB::close_db(unsigned int) { return db->close_db(kCloseRetries); }
+cr_status_t SQLitePODB::close_db(unsigned int) { return db->close_db(sqlitedb::kCloseRetries); }

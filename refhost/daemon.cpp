@@ -24,9 +24,10 @@ thread_local std::string holder_pid;  // of the lock tested last; empty when nob
 
 // A lock's name is one component of a path. Leaves EINVAL in `errno` for one that is not.
 bool is_valid(const char* directory, const char* name) {
-  errno = EINVAL;
-  return directory != nullptr && name != nullptr && *name != '\0' &&
-         std::strchr(name, '/') == nullptr;
+  const bool valid =
+      directory != nullptr && name != nullptr && *name != '\0' && std::strchr(name, '/') == nullptr;
+  if (!valid) errno = EINVAL;
+  return valid;
 }
 
 std::string lock_path(const char* directory, const char* name) {
@@ -78,10 +79,12 @@ bool continue_in_child() {
   return child == 0;
 }
 
-bool redirect_stdio(const Fd& null_device) {
+// The device itself may have become one of the three, when that was closed before.
+bool redirect_stdio(Fd& null_device) {
   for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
     if (dup2(null_device.get(), fd) < 0) return false;
   }
+  if (null_device.get() <= STDERR_FILENO) null_device.release();
   return true;
 }
 
@@ -92,7 +95,7 @@ bool redirect_stdio(const Fd& null_device) {
 // terminal again.
 int DaemonInit(bool foreground) {
   if (foreground) return 0;
-  const refhost::Fd null_device(open("/dev/null", O_RDWR | O_CLOEXEC));
+  refhost::Fd null_device(open("/dev/null", O_RDWR));
   std::fflush(nullptr);
   const bool detached = null_device && refhost::continue_in_child() && setsid() >= 0 &&
                         refhost::continue_in_child() && chdir("/") == 0 &&

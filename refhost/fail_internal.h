@@ -5,9 +5,6 @@
 
 namespace refhost {
 
-// The status of an operation that the system does not offer.
-inline constexpr cr_status_t kStatusUnavailable = 95;
-
 // Stores the status in the calling thread's cell and returns it.
 inline cr_status_t fail(cr_status_t status) { return *__cr_errno_location() = status; }
 

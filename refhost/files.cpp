@@ -11,16 +11,22 @@ cr_status_t status_of_call(int result) {
   return result == 0 ? CR_STATUS_OK : refhost::fail_errno();
 }
 
+// Below something that is no directory, nothing is there.
+cr_status_t status_of_look(int result) {
+  if (result != 0 && errno == ENOTDIR) errno = ENOENT;
+  return status_of_call(result);
+}
+
 }  // namespace
 
 cr_status_t wa_access(const char* path, int mode) {
   if (path == nullptr) return refhost::fail_argument();
-  return status_of_call(access(path, mode));
+  return status_of_look(access(path, mode));
 }
 
 cr_status_t wa_stat(const char* path, struct stat* out) {
   if (path == nullptr || out == nullptr) return refhost::fail_argument();
-  return status_of_call(stat(path, out));
+  return status_of_look(stat(path, out));
 }
 
 bool wa_isdir(const char* path) {

@@ -1,5 +1,6 @@
 #include "refhost/record.h"
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <string_view>
@@ -46,10 +47,7 @@ bool is_lower_hex(char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= '
 
 template <class Predicate>
 bool all_of(std::string_view text, Predicate holds) {
-  for (const char c : text) {
-    if (!holds(c)) return false;
-  }
-  return true;
+  return std::all_of(text.begin(), text.end(), holds);
 }
 
 constexpr std::size_t kPoidLength = 64;

@@ -28,7 +28,7 @@ constexpr StatusText kTexts[] = {
     {CR_STATUS_NO_LOCATION, "entry has no location"},
     {CR_STATUS_CORRUPT, "database is corrupt"},
     {CR_STATUS_NOT_PROVIDED, "not provided by this store"},
-    {refhost::kStatusUnavailable, "function is not available"},
+    {CR_STATUS_UNAVAILABLE, "function is not available"},
     {CR_STATUS_BAD_RECORD, "invalid record"},
     {CR_STATUS_NOT_EMPTY, "not empty"},
     {CR_STATUS_IMMUTABLE, "entry is immutable"},
@@ -53,8 +53,8 @@ constexpr ErrnoStatus kErrnoStatuses[] = {
     {EBUSY, CR_STATUS_BUSY},
     {EIO, CR_STATUS_IO_ERROR},
     {ENOMEM, CR_STATUS_NO_MEMORY},
-    {EOPNOTSUPP, refhost::kStatusUnavailable},
-    {ENOSYS, refhost::kStatusUnavailable},
+    {EOPNOTSUPP, CR_STATUS_UNAVAILABLE},
+    {ENOSYS, CR_STATUS_UNAVAILABLE},
 };
 
 cr_status_t status_of(int error) {

@@ -86,12 +86,23 @@ class TreeEraser {
                                                      closedir);
     if (!stream) return false;
     listed.release();  // the stream closes it
+    bool again = false;
     for (;;) {
       errno = 0;
       const dirent* const entry = readdir(stream.get());
-      if (entry == nullptr) return errno == 0;
+      if (entry == nullptr) {
+        if (errno != 0 || !again) return errno == 0;
+        // Some file systems pass over entries of a directory that is changed while it is read.
+        again = false;
+        rewinddir(stream.get());
+        continue;
+      }
       const std::string_view name(entry->d_name);
-      if (name == "." || name == ".." || erased(entry->d_name)) continue;
+      if (name == "." || name == "..") continue;
+      if (erased(entry->d_name)) {
+        again = true;
+        continue;
+      }
       if (errno == EISDIR) directory = name;
       return errno == EISDIR;
     }

@@ -18,6 +18,13 @@ constexpr mode_t kFileMode = 0644;
 constexpr mode_t kPermissionBits = 07777;
 constexpr std::size_t kReadBlock = 65536;
 
+bool is_regular(int file) {
+  struct stat info {};
+  if (fstat(file, &info) != 0) return false;
+  errno = S_ISDIR(info.st_mode) ? EISDIR : EINVAL;
+  return S_ISREG(info.st_mode);
+}
+
 bool read_all(int file, std::string& content) {
   for (;;) {
     const std::size_t length = content.size();
@@ -122,9 +129,12 @@ bool sync_directory(int directory) { return fsync(directory) == 0 || errno == EI
 
 cr_status_t wa_readfile(const char* path, std::string* content) {
   if (path == nullptr || content == nullptr) return refhost::fail_argument();
-  const refhost::Fd file(open(path, O_RDONLY | O_CLOEXEC));
+  // A pipe would keep its reader waiting.
+  const refhost::Fd file(open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
   std::string text;
-  if (!file || !refhost::read_all(file.get(), text)) return refhost::fail_errno();
+  if (!file || !refhost::is_regular(file.get()) || !refhost::read_all(file.get(), text)) {
+    return refhost::fail_errno();
+  }
   content->swap(text);
   return CR_STATUS_OK;
 }

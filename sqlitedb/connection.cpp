@@ -11,11 +11,19 @@ namespace sqlitedb {
 
 namespace {
 
-constexpr int kBusyTimeoutMs = 10000;
-constexpr unsigned long kCloseRetries = 3;
 constexpr unsigned int kDirectoryMode = 0700;
 
-bool exists(const std::string& file) { return wa_access(file.c_str(), 0) == CR_STATUS_OK; }
+// A file that could not be looked for is not missing: taken for it, it would be created anew.
+bool is_missing(const std::string& file) {
+  return wa_access(file.c_str(), 0) == CR_STATUS_NOT_FOUND;
+}
+
+// 0 for a file that is not there or can be examined. init_db, which deletes its file when it fails,
+// must not touch any other.
+cr_status_t check_examinable(const std::string& file) {
+  struct stat info {};
+  return is_missing(file) ? CR_STATUS_OK : wa_stat(file.c_str(), &info);
+}
 
 bool has_content(const std::string& file) {
   struct stat info {};
@@ -68,14 +76,20 @@ cr_status_t close_handle(const std::string& file, sqlite3* db, unsigned long ret
 sqlite3_wrapper::sqlite3_wrapper(const std::string& file) : dbfile(file) {}
 
 // Nobody is left to take a status; close_db has logged what there was to say.
-sqlite3_wrapper::~sqlite3_wrapper() { close_db(kCloseRetries); }
+sqlite3_wrapper::~sqlite3_wrapper() {
+  try {
+    close_db(kCloseRetries);
+  } catch (...) {  // of a host function that ran out of memory: the connection is abandoned
+  }
+}
 
 cr_status_t sqlite3_wrapper::on_db_createtable() { return CR_STATUS_OK; }
 
 cr_status_t sqlite3_wrapper::init_db() {
   if (db != nullptr) return CR_STATUS_OK;
-  if (exists(dbfile) && has_content(dbfile)) return CR_STATUS_EXISTS;
+  if (has_content(dbfile)) return CR_STATUS_EXISTS;
   cr_status_t status = create_directory_of(dbfile);
+  if (status == CR_STATUS_OK) status = check_examinable(dbfile);
   if (status != CR_STATUS_OK) return status;
 
   const int rc = connect(dbfile, &db);
@@ -128,7 +142,7 @@ cr_status_t sqlite3_wrapper::open_db(const std::string& path) {
 
 cr_status_t sqlite3_wrapper::checkopen() {
   if (db != nullptr) return CR_STATUS_OK;
-  if (!exists(dbfile)) return CR_STATUS_NOT_FOUND;
+  if (is_missing(dbfile)) return CR_STATUS_NOT_FOUND;
   if (!has_content(dbfile)) return CR_STATUS_BAD_DATA;
   return open_db();
 }

@@ -11,6 +11,12 @@
 
 namespace sqlitedb {
 
+// How long SQLite itself waits for a lock, in milliseconds.
+inline constexpr int kBusyTimeoutMs = 10000;
+
+// How often a busy connection's closing is tried again.
+inline constexpr unsigned long kCloseRetries = 3;
+
 // Logs that the database has no connection and returns CR_STATUS_NOT_FOUND.
 cr_status_t log_not_opened(const std::string& file);
 

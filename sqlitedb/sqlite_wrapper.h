@@ -78,9 +78,10 @@ class POCATALOG_API sqlite3_wrapper {
   virtual cr_status_t exec_file(const std::string& file, bool flag);
 
   // Creates the file (and its directory, mode 0700), or takes an empty one, and lays out the
-  // schema. 0 at once when there is a connection. CR_STATUS_EXISTS for a file with content. A
-  // failure closes and deletes the file; db_exception leaves the connection half open and the file
-  // in place, for the caller to decide.
+  // schema. 0 at once when there is a connection. CR_STATUS_EXISTS for a file with content, and the
+  // status of one that cannot be examined: both stay as they are. Any later failure closes and
+  // deletes the file, so those who may create one file take turns; db_exception leaves the
+  // connection half open and the file in place, for the caller to decide.
   cr_status_t init_db();
 
   // Opens the file; 0 when it is open already, and what an interrupted init_db left is closed

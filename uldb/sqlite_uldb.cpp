@@ -5,11 +5,11 @@
 
 #include "host/files.h"
 #include "host/log.h"
+#include "sqlitedb/failure_internal.h"
 #include "uldb/sqlite_uldb_internal.h"
 
 namespace {
 
-constexpr int kBusyTimeoutMs = 10000;
 constexpr unsigned int kDirectoryMode = 0700;
 constexpr const char* kSchema =
     "CREATE TABLE IF NOT EXISTS utable (    poid TEXT PRIMARY KEY,    udcids BLOB)";
@@ -44,7 +44,7 @@ cr_status_t SQLiteULDB::db_open_imp(bool& retry) {
   if (db != nullptr) return CR_STATUS_OK;
   const int rc = sqlite3_open(dbfile_path.c_str(), &db);
   if (rc == SQLITE_OK) {
-    sqlite3_busy_timeout(db, kBusyTimeoutMs);
+    sqlite3_busy_timeout(db, sqlitedb::kBusyTimeoutMs);
     return CR_STATUS_OK;
   }
   const cr_status_t status = failure_status(rc);

@@ -80,6 +80,14 @@ TEST_F(Connection, maps_a_failure_and_throws_corruption_alone) {
   log.expect_info(CR_STATUS_NONE, "[DBERR 0000000B]: database disk image is malformed");
 }
 
+TEST_F(Connection, never_takes_a_file_that_cannot_be_examined_for_a_missing_one) {
+  fs::create_symlink(file, file);  // a loop
+  EXPECT_EQ(db.checkopen(), CR_STATUS_BAD_DATA);
+  EXPECT_EQ(db.init_db(), CR_STATUS_FAILED);
+  EXPECT_FALSE(db.has_handle());
+  EXPECT_TRUE(fs::is_symlink(file));
+}
+
 TEST_F(Connection, is_made_for_a_missing_or_an_empty_file_only) {
   EXPECT_EQ(db.checkopen(), CR_STATUS_NOT_FOUND);
   write_file("x");
