@@ -1,4 +1,4 @@
-// What the tests of entries share: host calls and allocations that fail, and the log.
+// What the tests of entries share: allocations that fail, the log, and a directory.
 #pragma once
 
 #include "po/dir_po.h"
@@ -7,19 +7,20 @@
 #include "tests/support/records.h"
 #include "tests/support/temp_dir.h"
 
-// This program defines the functions concerned, so its definitions are called.
-namespace hooks {
-inline bool no_records = false;     // POCreate answers null
-inline long allocations_left = -1;  // after so many, one allocation fails; negative: none does
-}  // namespace hooks
+// After so many, one allocation of this program fails; negative: none does.
+inline long allocations_left = -1;
 
 inline cr_status_t& cell() { return *__cr_errno_location(); }
 
 class EntryTest : public testing::Test {
  protected:
-  void SetUp() override { cell() = CR_STATUS_OK; }
-  void TearDown() override { hooks::no_records = false; }
+  ~EntryTest() override {
+    for (const PO* old : removed) delete old;
+  }
 
   const TempDir root;
   LogCapture log;
+  ds_info_t info = {100, 10, 10};
+  std::vector<PO*> removed, udcid;
+  std::string action;
 };
