@@ -1,109 +1,142 @@
 #include "host/files.h"
 
+#include <dlfcn.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
+#include <filesystem>
 #include <functional>
-#include <string>
 #include <vector>
 
-#include "refhost/control.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
 
-TEST(WholeFile, IsReadBackAsItWasWritten) {
+std::string_view failing;  // the system's function that fails
+int left = 0;              // after so many calls
+
+template <class Function, class... Arguments>
+auto hooked(const char* name, Function* function, Arguments... arguments) {
+  const bool fails = failing == name && left-- == 0;
+  errno = fails ? EIO : errno;
+  const auto real = reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+  return fails ? decltype(function(arguments...)){-1} : real(arguments...);
+}
+
+}  // namespace
+
+// These take the place of the system's for the host's library. Half of the bytes are written at a
+// time when there shall be several writes.
+HOST_API ssize_t write(int fd, const void* data, size_t size) {
+  return hooked(__func__, write, fd, data, failing == __func__ ? (size + 1) / 2 : size);
+}
+HOST_API int fsync(int fd) { return hooked(__func__, fsync, fd); }
+HOST_API int renameat(int from_fd, const char* from, int to_fd, const char* to) noexcept {
+  return hooked(__func__, renameat, from_fd, from, to_fd, to);
+}
+
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string content(const std::string& file) {
+  std::string text = "unread";
+  wa_readfile(file.c_str(), &text);
+  return text;
+}
+
+cr_status_t write_file(const std::string& file, const std::string& text, bool append = false) {
+  return wa_writefile(file.c_str(), text, append);
+}
+
+TEST(WholeFile, IsOldOrNewButNeverHalfDoneWhenWritingFails) {
+  const struct {
+    const char* step;
+    int left;
+    const char* content;
+  } cases[] = {{"write", 0, "old"},
+               {"write", 1, "old"},
+               {"fsync", 0, "old"},
+               {"fsync", 1, "new content"},  // in place, but not certain to survive a crash
+               {"renameat", 0, "old"}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.step << " after " << c.left);
+    const TempDir dir;
+    ASSERT_EQ(write_file(dir.path("f"), "old"), 0);
+    failing = c.step;
+    left = c.left;
+    EXPECT_EQ(write_file(dir.path("f"), "new content"), CR_STATUS_IO_ERROR);
+    failing = {};
+    EXPECT_EQ(content(dir.path("f")), c.content);
+    EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), {}), 1);
+  }
+}
+
+TEST(WholeFile, KeepsItsPermissionsAndTakesThePlaceOfALinkButNotOfItsTarget) {
   const TempDir dir;
   const std::string file = dir.path(std::string(255, 'n'));
-  const std::string large(200'001, '\0');
-  for (const std::string& content : {std::string("first"), large, std::string()}) {
-    EXPECT_EQ(wa_writefile(file.c_str(), content, false), 0);
-    std::string read = "old";
-    EXPECT_EQ(wa_readfile(file.c_str(), &read), 0);
-    EXPECT_EQ(read, content);
+  for (const std::string& text : {std::string("a"), std::string(200'001, '\0'), std::string()}) {
+    EXPECT_EQ(write_file(file, text), 0);
+    fs::permissions(file, fs::perms::owner_all);
+    EXPECT_EQ(content(file), text);
   }
-  std::string read;
-  EXPECT_EQ(wa_writefile(file.c_str(), "a", true), 0);
-  EXPECT_EQ(wa_writefile(file.c_str(), "b", true), 0);
-  EXPECT_EQ(wa_readfile(file.c_str(), &read), 0);
-  EXPECT_EQ(read, "ab");
+  EXPECT_EQ(write_file(file, "a", true) + write_file(file, "b", true), 0);
+  EXPECT_EQ(content(file), "ab");
+  EXPECT_EQ(fs::status(file).permissions(), fs::perms::owner_all);
+  fs::create_symlink(file, dir.path("link"));
+  EXPECT_EQ(write_file(dir.path("link"), "new"), 0);
+  EXPECT_EQ(content(file), "ab");
 }
 
-TEST(WholeFile, KeepsItsPermissionsWhenReplaced) {
-  const TempDir dir;
-  const std::string file = dir.path("f");
-  ASSERT_EQ(wa_writefile(file.c_str(), "a", false), 0);
-  ASSERT_EQ(chmod(file.c_str(), 0600), 0);
-  ASSERT_EQ(wa_writefile(file.c_str(), "b", false), 0);
-  struct stat attributes {};
-  ASSERT_EQ(wa_stat(file.c_str(), &attributes), 0);
-  EXPECT_EQ(attributes.st_mode & 07777U, 0600U);
-}
-
-// Somebody who plants a link must not have a file elsewhere overwritten.
-TEST(WholeFile, TakesThePlaceOfALinkAndNotOfItsTarget) {
-  const TempDir dir;
-  ASSERT_EQ(wa_writefile(dir.path("target").c_str(), "kept", false), 0);
-  ASSERT_EQ(symlink("target", dir.path("link").c_str()), 0);
-  EXPECT_EQ(wa_writefile(dir.path("link").c_str(), "new", false), 0);
-  std::string read;
-  EXPECT_EQ(wa_readfile(dir.path("target").c_str(), &read), 0);
-  EXPECT_EQ(read, "kept");
-}
-
-TEST(Files, ReportMissingOnesInStatusCellAndErrno) {
+TEST(Files, ReportWhatFailsInStatusCellAndErrno) {
   const TempDir dir;
   const std::string missing = dir.path("missing");
-  std::string read = "untouched";
-  struct stat attributes {};
   const std::vector<std::function<cr_status_t()>> calls = {
-      [&] { return wa_access(missing.c_str(), 0); },
-      [&] { return wa_stat(missing.c_str(), &attributes); },
-      [&] { return wa_readfile(missing.c_str(), &read); },
-      [&] { return wa_writefile((missing + "/f").c_str(), "", false); },
-      [&] { return wa_deletefile(missing.c_str()); },
+      [&] { return wa_access(missing.c_str(), 0); }, [&] { return write_file(missing + "/f", ""); },
       [&] { return wa_deletetree(missing.c_str()); },
-      [&] { return zel_access(missing.c_str(), 7) == -1 ? CR_STATUS_NOT_FOUND : 0; },
-      [&] { return zel_unlink(missing.c_str()) == -1 ? CR_STATUS_NOT_FOUND : 0; },
-      [&] { return zel_rmdir(missing.c_str()) == -1 ? CR_STATUS_NOT_FOUND : 0; },
-  };
-  for (std::size_t i = 0; i < calls.size(); ++i) {
+      [&] { return 3 + zel_unlink(missing.c_str()); }};
+  for (const auto& call : calls) {
     errno = *__cr_errno_location() = 0;
-    EXPECT_EQ(calls[i](), CR_STATUS_NOT_FOUND) << i;
-    EXPECT_EQ(*__cr_errno_location(), CR_STATUS_NOT_FOUND) << i;
-    EXPECT_EQ(errno, ENOENT) << i;
+    EXPECT_EQ(call(), CR_STATUS_NOT_FOUND);
+    EXPECT_EQ(*__cr_errno_location(), CR_STATUS_NOT_FOUND);
+    EXPECT_EQ(errno, ENOENT);
   }
-  EXPECT_EQ(read, "untouched");
-  EXPECT_FALSE(wa_isdir(missing.c_str()));
-  EXPECT_TRUE(wa_isdir(dir.path().c_str()));
+  const std::vector<std::pair<int, cr_status_t>> statuses = {
+      {EPERM, 1}, {EEXIST, 3},  {EINVAL, 9},  {EAGAIN, 11},
+      {EIO, 21},  {ENOMEM, 22}, {ENOTDIR, 4}, {EACCES, 4}};
+  for (const auto& [error, status] : statuses) {
+    errno = error;
+    EXPECT_EQ(_crMapError("f", "s", 1), status) << error;
+  }
 }
 
-TEST(Paths, AreCopiedWithinTheirBufferAndSplitAtTheLastSlash) {
+TEST(Paths, AreCopiedWithinTheirBuffer) {
   char buffer[] = "xxxx";
   EXPECT_EQ(zelstrcpy(buffer, "abcdef", 3), 6U);
   EXPECT_EQ(std::string(buffer, 5), std::string("ab\0x\0", 5));
-  EXPECT_EQ(zelstrcpy(buffer, "abc", 4), 3U);
-  EXPECT_STREQ(buffer, "abc");
-  const std::vector<std::vector<std::string>> cases = {
-      {"/a/b", "/a", "b"}, {"/a", "", "a"}, {"a", "", "a"}, {"/a/", "/a", ""}, {"", "", ""}};
-  for (const auto& c : cases) {
-    EXPECT_EQ(getdirname(c[0]), c[1]) << c[0];
-    EXPECT_EQ(getbasename(c[0]), c[2]) << c[0];
-  }
 }
 
-TEST(Paths, FoldTheCaseOfLetters) {
-  std::string text = "/A/b\xc4";
-  ConvertStringCase(text, CASE_DIR_LOWER);
-  EXPECT_EQ(text, "/a/b\xc4");
-  ConvertStringCase(text, CASE_DIR_UPPER);
-  EXPECT_EQ(text, "/A/B\xc4");
-  EXPECT_TRUE(OSIsCaseSensitive());
-  refhost::set_case_sensitive(false);
-  EXPECT_FALSE(OSIsCaseSensitive());
-  refhost::set_case_sensitive(true);
+TEST(Tree, IsMadeWithItsParentsAndDeletedWithoutFollowingLinks) {
+  const TempDir dir;
+  const auto make = [&](const char* name) { return wa_createtree(dir.path(name).c_str(), 0700); };
+  const auto erase = [&](const char* name) { return wa_deletetree(dir.path(name).c_str()); };
+  EXPECT_EQ(make("outside/sub") + make("tree//sub/./deep/") + make("tree/sub"), 0);
+  EXPECT_EQ(fs::status(dir.path("tree/sub")).permissions(), fs::perms::owner_all);
+  ASSERT_EQ(write_file(dir.path("tree/file"), "") + write_file(dir.path("outside/kept"), ""), 0);
+  fs::create_directory_symlink(dir.path("outside"), dir.path("tree/sub/out"));
+  for (const char* name : {"tree/file", "tree/file/a", "tree/sub/out/new"}) {
+    EXPECT_EQ(make(name), CR_STATUS_FAILED) << name;
+  }
+  for (const char* name : {"tree/sub/out", "tree/sub/out/sub", "tree/file"}) {
+    EXPECT_EQ(erase(name), CR_STATUS_FAILED) << name;
+  }
+  EXPECT_EQ(erase("tree/sub/.."), CR_STATUS_BAD_ARG);
+  EXPECT_EQ(wa_deletetree("/") + wa_deletetree("") + wa_createtree("", 0), 3 * CR_STATUS_BAD_ARG);
+  EXPECT_TRUE(fs::exists(dir.path("tree/sub/deep")));
+  EXPECT_EQ(erase("tree/"), 0);
+  EXPECT_FALSE(fs::exists(dir.path("tree")));
+  EXPECT_TRUE(fs::exists(dir.path("outside/sub")) && fs::exists(dir.path("outside/kept")));
 }
 
 }  // namespace
