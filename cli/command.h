@@ -15,6 +15,7 @@ enum ExitStatus : int {
   kUsage = 2,
   kIncomplete = 3,    // some entries were not done
   kInconsistent = 4,  // the catalog contradicts itself
+  kLockInForce = 5,   // a retention lock would have been shortened
 };
 
 // Where a subcommand prints. With `json` every printed line of `out` is one JSON object.

@@ -108,6 +108,7 @@ bool DatabaseCheck::check_rows(
       findings_->add_row(file_, row.name, row.rowid, row.reason);
     }
     damaged.clear();
+    findings_->between_pages();
   };
   const int code = walk_table(connection_, table, columns, check, tell);
   if (code != SQLITE_DONE) fail(code);

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <string>
 
+#include "cli/check_observer.h"
 #include "cli/command.h"
 
 namespace cli {
@@ -11,7 +12,9 @@ namespace cli {
 // Prints one line for each thing that is wrong, and counts.
 class Findings {
  public:
-  explicit Findings(const Console& console) : console_(console) {}
+  // `observer` may be null; both outlive the findings.
+  explicit Findings(const Console& console, CheckObserver* observer = nullptr)
+      : console_(console), observer_(observer) {}
 
   void add(const std::string& file, const std::string& reason);
   // `name` may be any bytes: that of a damaged row.
@@ -30,10 +33,22 @@ class Findings {
   void count_database() { ++databases_; }
   void count_row() { ++rows_; }
 
+  // What the observer is told.
+  void sound_record(const std::string& text) {
+    if (observer_ != nullptr) observer_->sound_record(text);
+  }
+  void between_pages() {
+    if (observer_ != nullptr) observer_->between_pages();
+  }
+
   // Prints the totals and returns the exit status.
   int conclude() const;
   int exit_status() const;
 
+  std::uint64_t databases() const { return databases_; }
+  std::uint64_t rows() const { return rows_; }
+  std::uint64_t damaged_rows() const { return damaged_rows_; }
+  std::uint64_t other() const { return other_; }
   std::uint64_t contents_without_list() const { return contents_without_list_; }
   std::uint64_t lone_lists() const { return lone_lists_; }
   std::uint64_t unexamined() const { return unexamined_; }
@@ -42,6 +57,7 @@ class Findings {
   void print(const std::string& file, const std::string& poid, const std::string& reason);
 
   const Console& console_;
+  CheckObserver* const observer_;
   std::uint64_t databases_ = 0;
   std::uint64_t rows_ = 0;
   std::uint64_t damaged_rows_ = 0;

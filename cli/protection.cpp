@@ -33,7 +33,7 @@ std::string protection_text(const _po_t* record, const ComplianceClock& clock) {
 
 std::string lock_text(std::uint64_t lock, const ComplianceClock& clock) {
   const std::string time = utc_time(lock);
-  const std::string text = time == "-" ? "after the year 9999" : time;
+  std::string text = time == "-" ? "after the year 9999" : time;
   const auto now = clock.now();
   if (!now) return text;
   if (lock > *now) return text + " (in " + duration(lock - *now) + ")";

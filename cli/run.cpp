@@ -2,15 +2,14 @@
 
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <array>
-#include <functional>
 #include <iostream>
 #include <limits>
 #include <memory>
 #include <string>
 
 #include "cli/command.h"
+#include "cli/declare.h"
 #include "cli/ingest.h"
 #include "cli/ls.h"
 #include "cli/rm.h"
@@ -20,34 +19,6 @@
 
 namespace cli {
 namespace {
-
-// What the parsed command line asks for.
-struct Request {
-  bool json = false;
-  bool verbose = false;
-  std::string log_file;
-  std::function<int(const Console&)> action;
-};
-
-// Adds a subcommand that runs `command` with the options that its arguments fill.
-template <typename Options>
-CLI::App* add_subcommand(CLI::App& app, Request& request, const std::string& name,
-                         const std::string& description,
-                         int (*command)(const Console&, const Options&),
-                         const std::shared_ptr<Options>& options) {
-  CLI::App* subcommand = app.add_subcommand(name, description);
-  subcommand->callback([&request, command, options] {
-    request.action = [command, options](const Console& console) {
-      return command(console, *options);
-    };
-  });
-  return subcommand;
-}
-
-constexpr const char* kRootHelp = "The catalog's root directory";
-constexpr const char* kPathHelp =
-    "The entry's path below ROOT, for example 5/client/policy/etc/hosts. Of a file and a directory "
-    "of one name it means the file; with a '/' at its end, the directory";
 
 void declare_ingest(CLI::App& app, Request& request) {
   const auto options = std::make_shared<IngestOptions>();
@@ -119,13 +90,15 @@ void declare_verify(CLI::App& app, Request& request) {
   command->add_option("ROOT", options->root, kRootHelp)->required();
 }
 
-constexpr std::array kSubcommands = {declare_ingest, declare_ls, declare_show, declare_rm,
-                                     declare_verify};
+constexpr std::array kSubcommands = {declare_ingest,  declare_ls,     declare_show,
+                                     declare_rm,      declare_verify, declare_retention,
+                                     declare_journal, declare_logs,   declare_patrol};
 
 constexpr const char* kFooter =
     "Exit status: 0 done, 1 failed, 2 wrong arguments, 3 some entries were not done,\n"
-    "4 the catalog is inconsistent. Names are printed with control bytes, backslashes and bytes\n"
-    "that are no UTF-8 as \\xNN. A path that starts with '-' goes after '--'.";
+    "4 the catalog is inconsistent, 5 a retention lock would be shortened. Names are printed with\n"
+    "control bytes, backslashes and bytes that are no UTF-8 as \\xNN. A path that starts with '-'\n"
+    "goes after '--'.";
 
 void declare_common(CLI::App& app, Request& request) {
   app.description("Ingests directory trees into a backup catalog, shows and checks it.");
@@ -135,7 +108,7 @@ void declare_common(CLI::App& app, Request& request) {
   app.add_flag("-v,--verbose", request.verbose, "Print the library's log lines, too");
   app.add_option("--log", request.log_file, "Append the library's log lines to this file");
   app.require_subcommand(0, 1);  // an unknown one is named, that way
-  app.fallthrough();  // the common options may stand behind the subcommand, too
+  app.fallthrough();             // the common options may stand behind the subcommand, too
 }
 
 // A failure is told once, by the subcommand: the library's own lines are for those who ask.

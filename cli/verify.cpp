@@ -50,6 +50,7 @@ class Verification {
   }
 
   void check_directory_of_catalog(const CatalogPath& directory) {
+    findings_->between_pages();
     check_entries(directory);
     check_record(directory);
     const bool entries = verify_entries(directory, findings_);
@@ -130,15 +131,20 @@ class Verification {
 
 }  // namespace
 
+cr_status_t verify_catalog(const CatalogPath& root, Findings* findings) {
+  const cr_status_t status = check_directory(root);
+  if (status == CR_STATUS_OK) Verification(findings).check_catalog(root);
+  return status;
+}
+
 int verify(const Console& console, const VerifyOptions& options) {
   const CatalogPath root{absolute_root(options.root), {}};
-  const cr_status_t status = check_directory(root);
+  Findings findings(console);
+  const cr_status_t status = verify_catalog(root, &findings);
   if (status != CR_STATUS_OK) {
     report(console, root.full(), status, "no such catalog");
     return kFailed;
   }
-  Findings findings(console);
-  Verification(&findings).check_catalog(root);
   return findings.conclude();
 }
 

@@ -3,7 +3,9 @@
 
 #include <string>
 
+#include "cli/catalog.h"
 #include "cli/command.h"
+#include "cli/findings.h"
 
 namespace cli {
 
@@ -12,7 +14,11 @@ struct VerifyOptions {
 };
 
 // Checks every database, every row and every directory's record below the root and goes on after
-// damage. Changes nothing, except that SQLite rolls back what a crash left half written.
+// damage. Changes nothing, except that SQLite rolls back what a crash left half written. A status
+// other than 0 when there is no such catalog.
+cr_status_t verify_catalog(const CatalogPath& root, Findings* findings);
+
+// Prints what it finds, and the totals.
 int verify(const Console& console, const VerifyOptions& options);
 
 }  // namespace cli

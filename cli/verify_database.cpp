@@ -6,6 +6,7 @@
 #include "cli/database_check.h"
 #include "cli/list_faults.h"
 #include "cli/row_faults.h"
+#include "cli/stored_row.h"
 #include "host/files.h"
 #include "podb/sqlite_podb.h"
 #include "uldb/sqlite_uldb.h"
@@ -45,12 +46,11 @@ void check_version(DatabaseCheck* check) {
   }
 }
 
-std::vector<std::string> entry_faults(const Statement& row) {
-  const auto column = [&row](int index) {
-    const int type = row.type(index);
-    return RawColumn{type, row.bytes(index)};
-  };
-  return row_faults({row.integer(0), column(1), column(2), column(3), row.type(4), row.integer(4)});
+std::vector<std::string> entry_faults(const Statement& statement, Findings* findings) {
+  const RawRow row = stored_row(statement);
+  std::vector<std::string> faults = row_faults(row);
+  if (faults.empty()) findings->sound_record(row.content.bytes);
+  return faults;
 }
 
 std::vector<std::string> faults_of_list(const Statement& row) {
@@ -70,7 +70,8 @@ bool verify_entries(const CatalogPath& directory, Findings* findings) {
   DatabaseCheck check(file, findings);
   if (!check.open(schema_of_entries(), "po")) return false;
   check_version(&check);
-  return check.check_rows("po", "basename, poid, content, crc", first_column, entry_faults);
+  return check.check_rows("po", kRowColumns, first_column,
+                          [findings](const Statement& row) { return entry_faults(row, findings); });
 }
 
 bool verify_lists(const CatalogPath& directory, Findings* findings) {
