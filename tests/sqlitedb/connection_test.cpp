@@ -39,8 +39,7 @@ struct TestDb : sqlitedb::sqlite3_wrapper {
   std::function<int(const char* value)> row;
 };
 
-class Connection : public testing::Test {
- protected:
+struct Connection : testing::Test {
   void open_with_rows() {
     ASSERT_EQ(db.open_db(), CR_STATUS_OK);
     ASSERT_EQ(db.exec("CREATE TABLE t (a, b); INSERT INTO t VALUES (1, 0), (2, 0)", nullptr), 0);
@@ -144,9 +143,8 @@ TEST_F(Connection, hands_over_rows_when_asked_and_lets_their_exceptions_out) {
 TEST_F(Connection, cuts_statements_beyond_1024_bytes_in_log_lines) {
   open_with_rows();
   const std::string sql = "bad " + std::string(1020, 'x');
-  for (const auto& [run, shown] :
-       {std::pair(sql, sql), {sql + "x", sql.substr(0, 1020) + "...."}}) {
-    EXPECT_EQ(db.exec(run, nullptr), CR_STATUS_FAILED);
+  EXPECT_EQ(db.exec(sql, nullptr) + db.exec(sql + "x", nullptr), 2 * CR_STATUS_FAILED);
+  for (const std::string& shown : {sql, sql.substr(0, 1020) + "...."}) {
     log.expect_error(CR_STATUS_FAILED, file + ": failed to execute [[[\"" + shown +
                                            "\"]]] (1:near \"bad\": syntax error)");
   }
