@@ -31,6 +31,11 @@ class StoreTest : public testing::Test {
     FilePO entry(5);
     return db.get(leaf, &entry);
   }
+  void start_afresh(bool case_sensitive) {
+    refhost::set_case_sensitive(case_sensitive);
+    db.close_db(0);
+    std::filesystem::remove(file);
+  }
   RawRows sql(const std::string& text) const { return raw_sql(file, text); }
 
   const TempDir root;
