@@ -21,10 +21,9 @@ Function* function_of(void* library, const char* name) {
 int main(int argc, char** argv) {
 #ifdef TAKES_ADDRESSES
   // Makes the linker give this program stubs that stand for the functions.
-  const void* volatile address[] = {
-      reinterpret_cast<void*>(&quill_nxattr_set), reinterpret_cast<void*>(&quill_nxattr_get),
-      reinterpret_cast<void*>(&quill_nxattr_list), reinterpret_cast<void*>(&quill_nxattr_remove),
-      reinterpret_cast<void*>(&quill_get_compclk)};
+  const void* volatile address[] = {reinterpret_cast<void*>(&quill_nxattr_set),
+                                    reinterpret_cast<void*>(&quill_nxattr_remove),
+                                    reinterpret_cast<void*>(&quill_get_compclk)};
   static_cast<void>(address);
 #endif
   for (int i = 1; i + 1 < argc; ++i) {
@@ -34,8 +33,6 @@ int main(int argc, char** argv) {
   void* bridge = dlopen(argv[argc - 1], RTLD_NOW | RTLD_NOLOAD);
   if (bridge == nullptr) return 1;
   const auto set = function_of<decltype(quill_nxattr_set)>(bridge, "quill_nxattr_set");
-  const auto get = function_of<decltype(quill_nxattr_get)>(bridge, "quill_nxattr_get");
-  const auto list = function_of<decltype(quill_nxattr_list)>(bridge, "quill_nxattr_list");
   const auto remove = function_of<decltype(quill_nxattr_remove)>(bridge, "quill_nxattr_remove");
   const auto clock = function_of<decltype(quill_get_compclk)>(bridge, "quill_get_compclk");
   const auto pointer = [](std::uintptr_t value) {
@@ -46,8 +43,6 @@ int main(int argc, char** argv) {
   timeval now{};
   errno = 7;
   std::printf("%d\n", set(-1, pointer(1), nullptr, pointer(3), 4));
-  std::printf("%d\n", get(1, nullptr, pointer(2), nullptr));
-  std::printf("%d\n", list(2, pointer(1), pointer(2)));
   std::printf("%d\n", remove(3, pointer(9)));
   std::printf("%d", clock(&now, "/m"));
   std::printf(" %ld errno=%d\n", static_cast<long>(now.tv_sec), errno);

@@ -14,14 +14,6 @@ PROVIDED int quill_nxattr_set(std::int32_t file, void* a, void* b, void* c, std:
   return std::printf("set %d %p %p %p %d\n", file, a, b, c, d) > 0 ? 41 : 0;
 }
 
-PROVIDED int quill_nxattr_get(std::int32_t file, void* a, void* b, void* c) {
-  return std::printf("get %d %p %p %p\n", file, a, b, c) > 0 ? 42 : 0;
-}
-
-PROVIDED int quill_nxattr_list(std::int32_t file, void* a, void* b) {
-  return std::printf("list %d %p %p\n", file, a, b) > 0 ? 43 : 0;
-}
-
 PROVIDED int quill_nxattr_remove(std::int32_t file, void* a) {
   return std::printf("remove %d %p\n", file, a) > 0 ? 44 : 0;
 }
