@@ -5,19 +5,19 @@
 #include "cli/dir_list.h"
 #include "cli/dir_lock.h"
 #include "cli/dir_record.h"
-#include "cli/row_batch.h"
+#include "cli/directory_batch.h"
 #include "host/status.h"
 
 namespace cli {
 namespace {
 
 void erase_rows(const IngestJob& job, const std::string& directory, IngestOutcome* outcome) {
-  SQLitePODB db(job.root, directory);
-  prepare_database(db, outcome);
-  RowBatch batch(job, db);
-  batch.remove_others({});
-  batch.commit();
-  outcome->add(std::move(batch.outcome()));
+  const LentDatabase db = job.databases->lend(directory);
+  const auto remove_all = [](RowBatch& batch) {
+    batch.remove_others({});
+    return true;
+  };
+  run_batch(job, *db, remove_all, outcome);
 }
 
 // Its subdirectories are gone, unless something there was kept.
@@ -35,6 +35,8 @@ void erase_directory(const IngestJob& job, const std::string& directory, IngestO
     outcome->not_done({directory, error.status, "not removed: " + error.text});
   } catch (const EntryError& error) {
     outcome->not_done({directory + "/" + error.name, error.status, "the row is not removed"});
+  } catch (const Cr_ErrnoException& error) {
+    outcome->not_done({directory, error.status(), std::string("not removed: ") + error.what()});
   }
 }
 

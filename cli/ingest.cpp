@@ -1,9 +1,14 @@
 #include "cli/ingest.h"
 
+#include <algorithm>
 #include <chrono>
+#include <exception>
 #include <filesystem>
+#include <mutex>
 #include <ostream>
 #include <system_error>
+#include <thread>
+#include <vector>
 
 #include "cli/catalog.h"
 #include "cli/dir_lock.h"
@@ -31,17 +36,45 @@ bool find_id(const std::string& path, FileId* id) {
   return true;
 }
 
+unsigned int threads_of(const IngestOptions& options) {
+  if (options.threads != 0) return options.threads;
+  return std::clamp(std::thread::hardware_concurrency(), 1U, kMostThreads);
+}
+
+// Threads that are waited for.
+class Threads {
+ public:
+  Threads() = default;
+  Threads(const Threads&) = delete;
+  Threads& operator=(const Threads&) = delete;
+  ~Threads() {
+    for (std::thread& thread : threads_) thread.join();
+  }
+
+  template <typename Work>
+  void start(Work work) {
+    threads_.emplace_back(work);
+  }
+
+ private:
+  std::vector<std::thread> threads_;
+};
+
 // One run: from the examined options to the summary.
 class Ingest {
  public:
   Ingest(const Console& console, const IngestOptions& options)
-      : console_(console), options_(options), progress_(console) {
+      : console_(console),
+        options_(options),
+        progress_(console),
+        databases_(absolute_root(options.root)) {
     job_.root = absolute_root(options.root);
     job_.dsid = options.dsid;
     job_.delete_missing = options.delete_missing;
     job_.with_content = options.with_content;
     job_.stop = &stop_.requested();
     job_.progress = &progress_;
+    job_.databases = &databases_;
   }
 
   int run();
@@ -53,6 +86,7 @@ class Ingest {
   int update_data_store();
   cr_status_t make_client_directory();
   void walk();
+  void work(TreeWalk& tree) noexcept;
   void take(IngestOutcome&& outcome);
   int finish();
   int failed(const std::string& path, cr_status_t status, const std::string& text) const;
@@ -65,11 +99,14 @@ class Ingest {
   const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
   const StopSignal stop_;
   Progress progress_;
+  DatabasePool databases_;
   IngestJob job_;
   DirectoryTask top_;
+  bool stopped_ = false;
+
+  std::mutex taking_;  // guards what follows, and the printing of problems
   DsInfoRun account_;
   IngestCounts counts_;
-  bool stopped_ = false;
 };
 
 int Ingest::failed(const std::string& path, cr_status_t status, const std::string& text) const {
@@ -128,7 +165,7 @@ int Ingest::update_data_store() {
   status = make_client_directory();
   if (status == CR_STATUS_OK) walk();
   const cr_status_t closed = account_.close();
-  progress_.clear();
+  progress_.pause();
   if (status != CR_STATUS_OK) return failed(client_directory(), status, "cannot be made");
   const int done = finish();
   if (closed == CR_STATUS_OK) return done;
@@ -145,19 +182,42 @@ cr_status_t Ingest::make_client_directory() {
 }
 
 void Ingest::walk() {
-  TreeWalk tree(top_);
-  DirectoryTask task;
-  while (!*job_.stop && tree.next(&task)) {
-    DirectoryResult result = ingest_directory(job_, task);
-    tree.enter(task, std::move(result.below));
-    take(std::move(result.outcome));
+  TreeWalk tree(top_, *job_.stop);
+  {
+    Threads others;
+    try {
+      for (unsigned int i = 1; i < threads_of(options_); ++i) others.start([&] { work(tree); });
+    } catch (const std::system_error&) {
+      // The machine gives no more: those that are there do the work.
+    }
+    work(tree);
   }
+  tree.rethrow();
   stopped_ = *job_.stop;
 }
 
+// What it throws ends the run: the counters may lack what was committed, so they are left to be
+// counted anew.
+void Ingest::work(TreeWalk& tree) noexcept {
+  try {
+    FileReader reader(*job_.stop);
+    DirectoryTask task;
+    while (tree.next(&task)) {
+      DirectoryResult result = ingest_directory(job_, task, reader);
+      take(std::move(result.outcome));
+      tree.enter(task, std::move(result.below));
+    }
+  } catch (...) {
+    tree.fail(std::current_exception());
+  }
+}
+
 void Ingest::take(IngestOutcome&& outcome) {
-  if (!outcome.problems.empty()) progress_.clear();
-  report_problems(console_, outcome.problems);
+  const std::lock_guard<std::mutex> lock(taking_);
+  if (!outcome.problems.empty()) {
+    const auto pause = progress_.pause();
+    report_problems(console_, outcome.problems);
+  }
   counts_.add(outcome.counts);
   account_.add(outcome.delta);
 }

@@ -15,10 +15,13 @@ struct IngestOptions {
   std::string policy;
   bool delete_missing = false;
   bool with_content = true;
+  unsigned int threads = 0;  // that work on directories; 0 for as many as the machine has cores
 };
 
-// SOURCE itself becomes ROOT/dsid/client/policy. SIGINT and SIGTERM end it after the directory in
-// work, which is left as it was; the run can be repeated.
+inline constexpr unsigned int kMostThreads = 64;
+
+// SOURCE itself becomes ROOT/dsid/client/policy. SIGINT and SIGTERM end it; the directories in work
+// are left as they were, and the run can be repeated.
 int ingest(const Console& console, const IngestOptions& options);
 
 }  // namespace cli

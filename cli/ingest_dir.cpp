@@ -9,10 +9,9 @@
 #include "cli/catalog.h"
 #include "cli/dir_lock.h"
 #include "cli/dir_record.h"
+#include "cli/directory_batch.h"
 #include "cli/dsinfo.h"
 #include "cli/erase_tree.h"
-#include "cli/row_batch.h"
-#include "cli/source_file.h"
 #include "host/status.h"
 
 namespace cli {
@@ -36,8 +35,8 @@ SkippedKind skipped_kind(mode_t kind) {
 
 class DirectoryIngest {
  public:
-  DirectoryIngest(const IngestJob& job, const DirectoryTask& task)
-      : job_(job), task_(task), reader_(*job.stop) {}
+  DirectoryIngest(const IngestJob& job, const DirectoryTask& task, FileReader& reader)
+      : job_(job), task_(task), reader_(reader) {}
 
   DirectoryResult run();
 
@@ -48,6 +47,7 @@ class DirectoryIngest {
   void update_catalog();
   void update_rows();
   bool try_rows(SQLitePODB& db);
+  bool store_all(RowBatch& batch);
   void store(RowBatch& batch, const std::string& name);
   void refuse(const EntryError& error);
   void fail(const std::string& path, cr_status_t status, const std::string& text);
@@ -58,7 +58,7 @@ class DirectoryIngest {
   const DirectoryTask& task_;
   DirectoryResult result_;
   SourceDirectory source_;
-  FileReader reader_;
+  FileReader& reader_;
 
   // Names of the source, in byte order.
   std::vector<std::string> files_;
@@ -134,6 +134,8 @@ void DirectoryIngest::update_catalog() {
       update_rows();
     } catch (const DirectoryError& error) {
       fail(task_.catalog, error.status, "its files are not done: " + error.text);
+    } catch (const Cr_ErrnoException& error) {
+      fail(task_.catalog, error.status(), error.what());
     }
   }
   // Without the lock, so that others can work here while a large subtree goes.
@@ -143,9 +145,8 @@ void DirectoryIngest::update_catalog() {
 }
 
 void DirectoryIngest::update_rows() {
-  SQLitePODB db(job_.root, task_.catalog);
-  prepare_database(db, &result_.outcome);
-  while (!try_rows(db)) {
+  const LentDatabase db = job_.databases->lend(task_.catalog);
+  while (!try_rows(*db)) {
     if (refused_.size() > kMostRefused) {
       throw DirectoryError{CR_STATUS_FAILED, "too many entries cannot be stored"};
     }
@@ -155,15 +156,8 @@ void DirectoryIngest::update_rows() {
 // False when an entry was refused, and all others are to be done again without it.
 bool DirectoryIngest::try_rows(SQLitePODB& db) {
   try {
-    RowBatch batch(job_, db);
-    for (const std::string& name : files_) {
-      result_.stopped = *job_.stop;
-      if (result_.stopped) return true;
-      store(batch, name);
-    }
-    if (job_.delete_missing) batch.remove_others(kept_files_);
-    batch.commit();
-    result_.outcome.add(std::move(batch.outcome()));
+    run_batch(
+        job_, db, [this](RowBatch& batch) { return store_all(batch); }, &result_.outcome);
     return true;
   } catch (const EntryError& error) {
     refuse(error);
@@ -171,11 +165,23 @@ bool DirectoryIngest::try_rows(SQLitePODB& db) {
   }
 }
 
+// False when the run is to stop.
+bool DirectoryIngest::store_all(RowBatch& batch) {
+  for (const std::string& name : files_) {
+    result_.stopped = *job_.stop;
+    if (result_.stopped) return false;
+    store(batch, name);
+  }
+  if (job_.delete_missing) batch.remove_others(kept_files_);
+  return true;
+}
+
 void DirectoryIngest::store(RowBatch& batch, const std::string& name) {
   if (std::find(refused_.begin(), refused_.end(), name) != refused_.end()) return;
   SourceFile file;
   std::string why;
-  if (reader_.read(source_.fd(), name, job_.with_content, &file, &why)) {
+  const bool with_content = job_.with_content || batch.lacks_list(name);
+  if (reader_.read(source_.fd(), name, with_content, &file, &why)) {
     batch.store(name, file);
     job_.progress->entry(static_cast<std::uint64_t>(file.attributes.st_size));
   } else {
@@ -192,14 +198,9 @@ void DirectoryIngest::refuse(const EntryError& error) {
 
 }  // namespace
 
-DirectoryResult ingest_directory(const IngestJob& job, const DirectoryTask& task) {
-  try {
-    return DirectoryIngest(job, task).run();
-  } catch (const Cr_ErrnoException& error) {
-    DirectoryResult failed;
-    failed.outcome.not_done({task.catalog, error.status(), error.what()});
-    return failed;
-  }
+DirectoryResult ingest_directory(const IngestJob& job, const DirectoryTask& task,
+                                 FileReader& reader) {
+  return DirectoryIngest(job, task, reader).run();
 }
 
 }  // namespace cli

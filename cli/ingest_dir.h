@@ -5,14 +5,16 @@
 #include <string>
 #include <vector>
 
+#include "cli/database_pool.h"
 #include "cli/ingest_result.h"
 #include "cli/progress.h"
 #include "cli/protection.h"
 #include "cli/source_dir.h"
+#include "cli/source_file.h"
 
 namespace cli {
 
-// What all directories of a run have in common. Only read, from any thread.
+// What all directories of a run have in common. For any thread.
 struct IngestJob {
   std::string root;  // of the catalog, from absolute_root
   unsigned int dsid = 0;
@@ -22,6 +24,7 @@ struct IngestJob {
   std::vector<FileId> catalog;              // directories that are never ingested
   const std::atomic<bool>* stop = nullptr;  // set when the run is to end early
   Progress* progress = nullptr;
+  DatabasePool* databases = nullptr;
 };
 
 struct DirectoryTask {
@@ -45,6 +48,8 @@ struct DirectoryResult {
 // under the directory's lock. An entry that cannot be stored is left out, its old row stays. A
 // source directory that cannot be read leaves its catalog side alone. With `delete_missing` the
 // catalog's subdirectories that the source no longer has go as well, with all that is below them.
-DirectoryResult ingest_directory(const IngestJob& job, const DirectoryTask& task);
+// `reader` is the calling thread's.
+DirectoryResult ingest_directory(const IngestJob& job, const DirectoryTask& task,
+                                 FileReader& reader);
 
 }  // namespace cli

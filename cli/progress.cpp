@@ -35,10 +35,10 @@ void Progress::draw(Clock::time_point now) {
                << std::flush;
 }
 
-void Progress::clear() {
-  if (!console_.progress) return;
-  const std::lock_guard<std::mutex> lock(drawing_);
-  console_.err << kEraseLine << std::flush;
+std::unique_lock<std::mutex> Progress::pause() {
+  std::unique_lock<std::mutex> lock(drawing_);
+  if (console_.progress) console_.err << kEraseLine << std::flush;
+  return lock;
 }
 
 }  // namespace cli

@@ -18,8 +18,9 @@ class Progress {
 
   void entry(std::uint64_t bytes);
 
-  // Takes the line away, so that something else can be printed there.
-  void clear();
+  // Takes the line away, so that something else can be printed there; it does not come back before
+  // the result is destroyed.
+  std::unique_lock<std::mutex> pause();
 
  private:
   using Clock = std::chrono::steady_clock;

@@ -9,6 +9,7 @@
 
 #include "cli/dir_list.h"
 #include "cli/dir_lock.h"
+#include "cli/directory_batch.h"
 #include "cli/dsinfo.h"
 #include "cli/entry.h"
 #include "cli/json.h"
@@ -83,21 +84,6 @@ class Removal {
   virtual cr_status_t apply(ds_info_t* delta) const = 0;
 
  protected:
-  // Applies a delete entry. It carries no size: the stored entry's counts.
-  static cr_status_t update(PO* entry, int type, PODB* db, ds_info_t* delta) {
-    refhost::RecordFields fields = refhost::get_fields(entry->record());
-    fields.type = type;
-    fields.mod_type = PO_MODTYPE_DELETE;
-    if (refhost::set_fields(entry->record(), fields) != 0) return *__cr_errno_location();
-    std::vector<PO*> displaced;
-    std::vector<PO*> recorded;
-    std::string action = "action_imgchk";
-    const auto status =
-        static_cast<cr_status_t>(entry->update(db, *delta, displaced, recorded, action));
-    for (PO* old : displaced) const std::unique_ptr<PO> owned(old);
-    return status;
-  }
-
   const CatalogPath path_;
   const ComplianceClock clock_;
 };
@@ -115,14 +101,25 @@ class FileRemoval : public Removal {
   CatalogPath guard() const override { return path_.parent(); }
 
   cr_status_t apply(ds_info_t* delta) const override {
+    IngestJob job;
+    job.root = path_.root;
+    job.dsid = *path_.dsid();
     SQLitePODB db(path_.root, path_.parent().full());
-    const cr_status_t begun = db.begin_transaction();
-    if (begun != CR_STATUS_OK) return begun;
-    FilePO entry(path_.root, path_.full(), *path_.dsid());
-    cr_status_t status = update(&entry, PO_TYPE_FILE, &db, delta);
-    if (status == CR_STATUS_OK) status = db.commit_transaction();
-    if (status != CR_STATUS_OK) db.rollback_transaction();
-    return status;
+    IngestOutcome outcome;
+    const auto remove = [this](RowBatch& batch) {
+      batch.remove(path_.leaf());
+      return true;
+    };
+    try {
+      run_batch(job, db, remove, &outcome);
+    } catch (const DirectoryError& error) {
+      return error.status;
+    } catch (const EntryError& error) {
+      return error.status;
+    }
+    if (outcome.counts.removed == 0) return CR_STATUS_IMMUTABLE;  // refused after all
+    *delta = outcome.delta;
+    return CR_STATUS_OK;
   }
 };
 
@@ -146,13 +143,24 @@ class DirectoryRemoval : public Removal {
     const bool counted = has_record(path_);
     SQLitePODB db(path_.root, path_.full());
     DirPO entry(path_.root, path_.full(), *path_.dsid());
-    const cr_status_t status = update(&entry, PO_TYPE_DIR, &db, delta);
+    const cr_status_t status = update(&entry, &db, delta);
     if (!counted) *delta = {};
     if (status != CR_STATUS_OK) return status;
     // A directory that was kept counts as removed for the library; not for us.
     if (check_directory(path_) == CR_STATUS_NOT_FOUND) return CR_STATUS_OK;
     *delta = {};
     return CR_STATUS_NOT_EMPTY;
+  }
+
+ private:
+  static cr_status_t update(DirPO* entry, PODB* db, ds_info_t* delta) {
+    refhost::RecordFields fields = refhost::get_fields(entry->record());
+    fields.type = PO_TYPE_DIR;
+    fields.mod_type = PO_MODTYPE_DELETE;
+    if (refhost::set_fields(entry->record(), fields) != 0) return *__cr_errno_location();
+    std::vector<PO*> unused;
+    std::string action;
+    return static_cast<cr_status_t>(entry->update(db, *delta, unused, unused, action));
   }
 };
 

@@ -1,13 +1,16 @@
 #include "cli/row_batch.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
+#include <memory>
 
 #include "base/sql_text.h"
 #include "cli/attributes.h"
-#include "cli/database.h"
+#include "cli/batch_errors.h"
 #include "cli/entry.h"
-#include "host/files.h"
 #include "refhost/record.h"
+#include "uldb/sqlite_uldb.h"
 
 namespace cli {
 namespace {
@@ -32,37 +35,16 @@ void set_fields(FilePO* entry, const refhost::RecordFields& fields) {
 
 // The access time stays 0: that field is the retention lock. A file with content has its POID as
 // content fingerprint, too.
-void describe(FilePO* entry, const SourceFile& file) {
+void describe(FilePO* entry, const SourceFile& file, bool with_content) {
   refhost::RecordFields fields = refhost::get_fields(entry->record());
   set_attributes(&fields, file.attributes);
   fields.size = static_cast<std::uint64_t>(file.attributes.st_size);
-  fields.poid = file.poid;
-  fields.content_fp = file.poid;
+  fields.poid = with_content ? file.content.poid : "";
+  fields.content_fp = fields.poid;
   set_fields(entry, fields);
 }
 
-void mend_version(SQLitePODB& db, IngestOutcome* outcome) {
-  db.load_podb_version();
-  if (db.get_podb_version() != 0) return;
-  const cr_status_t status = db.set_property("db_version", "1");
-  if (status != CR_STATUS_OK) throw DirectoryError{status, "its database has no version"};
-  ++outcome->counts.mended;
-  outcome->problems.push_back(
-      {db.get_dbfile_path(), CR_STATUS_OK, "mended: the database had no version"});
-}
-
 }  // namespace
-
-void prepare_database(SQLitePODB& db, IngestOutcome* outcome) {
-  DatabaseState state{};
-  cr_status_t status = examine_database(db, &state);
-  if (status != CR_STATUS_OK) throw DirectoryError{status, "its database cannot be opened"};
-  if (state == DatabaseState::present) mend_version(db, outcome);
-  if (state != DatabaseState::leftover) return;
-  // A journal beside it can stay: SQLite discards the journal of a database without content.
-  status = wa_deletefile(db.get_dbfile_path().c_str());
-  if (status != CR_STATUS_OK) throw DirectoryError{status, "its empty database cannot be removed"};
-}
 
 RowBatch::~RowBatch() {
   if (!begun_) return;
@@ -71,6 +53,18 @@ RowBatch::~RowBatch() {
 }
 
 std::string RowBatch::path_of(const std::string& name) const { return db_.get_dir() + "/" + name; }
+
+// An update works on the leaf of the entry's path. Of a row named "a/b" by damage that would be
+// another row's name.
+FilePO RowBatch::entry_of(const std::string& name) const {
+  try {
+    FilePO entry(job_.root, path_of(name), job_.dsid);
+    if (POGetBasename(entry.record()) == name) return entry;
+  } catch (const Cr_ErrnoException& error) {
+    throw EntryError{name, error.status()};
+  }
+  throw EntryError{name, CR_STATUS_BAD_ARG};
+}
 
 RowBatch::Stored RowBatch::load(const std::string& name, FilePO* stored) {
   const cr_status_t status = db_.get(name, stored);
@@ -97,8 +91,8 @@ void RowBatch::refuse_protected(const std::string& name) {
 }
 
 void RowBatch::store(const std::string& name, const SourceFile& file) {
-  FilePO incoming(job_.root, path_of(name), job_.dsid);
-  describe(&incoming, file);
+  FilePO incoming = entry_of(name);
+  describe(&incoming, file, job_.with_content);
   const std::uint64_t size = incoming.get_size();
   FilePO stored(job_.dsid);
   const Stored found = load(name, &stored);
@@ -106,11 +100,33 @@ void RowBatch::store(const std::string& name, const SourceFile& file) {
   if (found == Stored::readable && !same && protected_entry(stored.record(), job_.clock)) {
     return refuse_protected(name);
   }
-  if (!same) update(name, &incoming);
+  displaced_damage_ |= found == Stored::damaged;
+  if (same) {
+    close_gap(stored, file.content);
+  } else {
+    update(name, &incoming, file.content);
+  }
   ++(same                      ? outcome_.counts.unchanged
      : found == Stored::absent ? outcome_.counts.added
                                : outcome_.counts.replaced);
   outcome_.counts.bytes += size;
+}
+
+bool RowBatch::lacks_list(const std::string& name) {
+  if (gaps_.missing.empty()) return false;
+  FilePO stored(job_.dsid);
+  return load(name, &stored) == Stored::readable &&
+         gaps_.missing.count(POGetHashRef(stored.record())) != 0;
+}
+
+// The source may have changed since the row was stored: only the content itself has that list.
+void RowBatch::close_gap(const FilePO& stored, const Content& content) {
+  if (gaps_.missing.count(content.poid) == 0) return;
+  if (!stored.udcid_qualified() || POGetHashRef(stored.record()) != content.poid) return;
+  begin();
+  lists_.put(content);
+  gaps_.missing.erase(content.poid);
+  ++lists_mended_;
 }
 
 void RowBatch::remove_others(const std::vector<std::string>& kept) {
@@ -124,25 +140,29 @@ void RowBatch::remove_others(const std::vector<std::string>& kept) {
     for (const std::string& name : names) {
       if (!std::binary_search(kept.begin(), kept.end(), name)) remove(name);
     }
-    if (names.size() < kNamesAtOnce) return;
+    // A damaged name may read shorter than it compares: the walk must not go in circles.
+    if (names.size() < kNamesAtOnce || names.back() <= last) return;
     last = names.back();
   }
 }
 
 void RowBatch::remove(const std::string& name) {
+  FilePO gone = entry_of(name);
   FilePO stored(job_.dsid);
   const Stored found = load(name, &stored);
-  if (found == Stored::readable && protected_entry(stored.record(), job_.clock))
+  if (found == Stored::absent) return;
+  if (found == Stored::readable && protected_entry(stored.record(), job_.clock)) {
     return refuse_protected(name);
-  FilePO gone(job_.root, path_of(name), job_.dsid);
+  }
+  displaced_damage_ |= found == Stored::damaged;
   refhost::RecordFields fields = refhost::get_fields(gone.record());
   fields.mod_type = PO_MODTYPE_DELETE;
   set_fields(&gone, fields);
-  update(name, &gone);
+  update(name, &gone, {});
   ++outcome_.counts.removed;
 }
 
-void RowBatch::update(const std::string& name, FilePO* entry) {
+void RowBatch::update(const std::string& name, FilePO* entry, const Content& content) {
   begin();
   Displaced displaced;
   std::vector<PO*> with_containers;
@@ -153,6 +173,10 @@ void RowBatch::update(const std::string& name, FilePO* entry) {
     throw DirectoryError{status, "its database cannot be written"};
   }
   if (status != CR_STATUS_OK) throw EntryError{name, status};
+  for (const PO* old : displaced.entries) displaced_.insert(POGetHashRef(old->record()));
+  if (with_containers.empty()) return;
+  lists_.put(content);
+  gaps_.missing.erase(content.poid);
 }
 
 void RowBatch::begin() {
@@ -162,8 +186,48 @@ void RowBatch::begin() {
   begun_ = true;
 }
 
+// What the rows say now decides which contents are unused: one that was displaced may be another
+// file's, too.
+void RowBatch::settle_lists() {
+  std::set<std::string> unused = gaps_.unused;
+  unused.merge(displaced_);
+  unused.erase("");  // of files without content
+  POQueue users;
+  if (!unused.empty() || !gaps_.missing.empty()) {
+    unsigned long rows = 0;
+    const cr_status_t status = db_.double_check(&gaps_.missing, &users, &unused, &rows);
+    if (status != CR_STATUS_OK) throw DirectoryError{status, "its database cannot be read"};
+  }
+  for (const std::string& poid : unused) {
+    begin();
+    lists_.remove(poid);
+    lists_mended_ += gaps_.unused.count(poid);
+  }
+  tell_gaps(users);
+}
+
+void RowBatch::tell_gaps(const POQueue& users) {
+  const std::string file = path_of(SQLiteULDB::dbfilename());
+  std::set<std::string> missing;
+  for (const auto& user : users) {
+    if (user->udcid_qualified()) missing.insert(POGetHashRef(user->record()));
+  }
+  if (lists_mended_ != 0) {
+    outcome_.counts.mended += lists_mended_;
+    outcome_.problems.push_back(
+        {file, CR_STATUS_OK, fmt::format("mended: {} lists of containers", lists_mended_)});
+  }
+  if (missing.empty()) return;
+  outcome_.not_done({file, CR_STATUS_NOT_FOUND,
+                     fmt::format("{} contents have no list of containers, and no file to make it "
+                                 "from",
+                                 missing.size())});
+}
+
 void RowBatch::commit() {
+  settle_lists();
   if (!begun_) return;
+  lists_.commit();
   const cr_status_t status = db_.commit_transaction();
   if (status != CR_STATUS_OK) throw DirectoryError{status, "its rows could not be committed"};
   begun_ = false;

@@ -1,45 +1,41 @@
 // The changes to the rows of one catalog directory.
 #pragma once
 
-#include <memory>
+#include <cstdint>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "cli/container_lists.h"
 #include "cli/ingest_dir.h"
+#include "cli/list_gaps.h"
 #include "cli/source_file.h"
 #include "po/file_po.h"
 #include "podb/sqlite_podb.h"
 
 namespace cli {
 
-// A catalog directory as a whole cannot be worked on.
-struct DirectoryError {
-  cr_status_t status;
-  std::string text;
-};
-
-// One entry could not be stored. Everything of the batch is to be done again without it.
-struct EntryError {
-  std::string name;
-  cr_status_t status;
-};
-
-// Opens the directory's database when there is one; takes the empty leftover of a crash away and
-// mends what a crash left unfinished. Under the directory's lock. Throws DirectoryError.
-void prepare_database(SQLitePODB& db, IngestOutcome* outcome);
-
-// One transaction, begun with the first change: a batch that changes nothing writes nothing.
-// Destroyed uncommitted, it rolls back. Operations throw DirectoryError and EntryError.
+// One transaction of a directory's rows and their lists of containers, begun with the first change:
+// a batch that changes nothing writes nothing. The lists are committed first, so that a crash
+// between the two commits leaves differences that the next batch finds as gaps and closes.
+// Destroyed uncommitted, it rolls back. Operations throw what stands in cli/batch_errors.h.
 class RowBatch {
  public:
-  RowBatch(const IngestJob& job, SQLitePODB& db) : job_(job), db_(db) {}
+  RowBatch(const IngestJob& job, SQLitePODB& db, ListGaps gaps)
+      : job_(job), db_(db), gaps_(std::move(gaps)), lists_(db.get_dir()) {}
   RowBatch(const RowBatch&) = delete;
   RowBatch& operator=(const RowBatch&) = delete;
   ~RowBatch();
 
+  // Whether the content that the row of this name has lacks its list. To close that gap, `store`
+  // needs the file's content even when the run does not.
+  bool lacks_list(const std::string& name);
+
   // Adds or replaces the row of this file, unless it is stored already.
   void store(const std::string& name, const SourceFile& file);
+
+  void remove(const std::string& name);
 
   // Deletes all rows but those of `kept`, which is in byte order.
   void remove_others(const std::vector<std::string>& kept);
@@ -48,20 +44,31 @@ class RowBatch {
   IngestOutcome& outcome() { return outcome_; }
   void commit();
 
+  // Whether a damaged row went, so that nobody knows which content may have become unused.
+  bool displaced_damage() const { return displaced_damage_; }
+
  private:
   enum class Stored { absent, readable, damaged };
 
   std::string path_of(const std::string& name) const;
+  FilePO entry_of(const std::string& name) const;
   Stored load(const std::string& name, FilePO* stored);
   bool is_same(const FilePO& stored, const FilePO& incoming) const;
   void refuse_protected(const std::string& name);
-  void remove(const std::string& name);
-  void update(const std::string& name, FilePO* entry);
+  void update(const std::string& name, FilePO* entry, const Content& content);
+  void close_gap(const FilePO& stored, const Content& content);
+  void settle_lists();
+  void tell_gaps(const POQueue& users);
   void begin();
 
   const IngestJob& job_;
   SQLitePODB& db_;
+  ListGaps gaps_;
+  ContainerLists lists_;
   bool begun_ = false;
+  std::uint64_t lists_mended_ = 0;
+  std::set<std::string> displaced_;  // POIDs of rows that went
+  bool displaced_damage_ = false;
   IngestOutcome outcome_;
 };
 

@@ -43,6 +43,11 @@ void declare_ingest(CLI::App& app, Request& request) {
   command->add_flag("!--no-content", options->with_content,
                     "Do not read the files: size and modification time tell which have changed, "
                     "and those are stored without the identifier of their content");
+  command
+      ->add_option("--threads", options->threads,
+                   "How many directories to work on at once; as many as the machine has cores when "
+                   "not given")
+      ->check(CLI::Range(1U, kMostThreads));
 }
 
 void declare_ls(CLI::App& app, Request& request) {

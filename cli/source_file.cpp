@@ -1,13 +1,8 @@
 #include "cli/source_file.h"
 
 #include <fcntl.h>
-#include <fmt/format.h>
-#include <openssl/evp.h>
 
-#include <array>
 #include <cerrno>
-#include <new>
-#include <stdexcept>
 #include <system_error>
 
 namespace cli {
@@ -24,18 +19,9 @@ bool same_time(const timespec& a, const timespec& b) {
   return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
 }
 
-void require(int result) {
-  if (result != 1) throw std::runtime_error("SHA-256 is not available");
-}
-
 }  // namespace
 
-void FileReader::FreeDigest::operator()(EVP_MD_CTX* digest) const { EVP_MD_CTX_free(digest); }
-
-FileReader::FileReader(const std::atomic<bool>& stop)
-    : stop_(stop), digest_(EVP_MD_CTX_new()), buffer_(kBufferSize) {
-  if (!digest_) throw std::bad_alloc();
-}
+FileReader::FileReader(const std::atomic<bool>& stop) : stop_(stop), buffer_(kBufferSize) {}
 
 bool FileReader::read(int directory, const std::string& name, bool with_content, SourceFile* file,
                       std::string* why) {
@@ -82,31 +68,22 @@ FileReader::Attempt FileReader::hash(const refhost::Fd& opened, SourceFile* file
       length != before.st_size) {
     return Attempt::changed;
   }
-  file->poid = length == 0 ? "" : finish();
+  file->content = hash_.finish();
   return Attempt::done;
 }
 
 bool FileReader::feed(const refhost::Fd& opened, off_t* length) {
-  require(EVP_DigestInit_ex(digest_.get(), EVP_sha256(), nullptr));
+  hash_.start();
   while (!stop_) {
     const ssize_t count = pread(opened.get(), buffer_.data(), buffer_.size(), *length);
     if (count == 0) return true;
     if (count < 0 && errno == EINTR) continue;
     if (count < 0) return false;
-    require(EVP_DigestUpdate(digest_.get(), buffer_.data(), static_cast<std::size_t>(count)));
+    hash_.add(buffer_.data(), static_cast<std::size_t>(count));
     *length += count;
   }
   errno = EINTR;
   return false;
-}
-
-std::string FileReader::finish() {
-  std::array<unsigned char, EVP_MAX_MD_SIZE> bytes{};
-  unsigned int length = 0;
-  require(EVP_DigestFinal_ex(digest_.get(), bytes.data(), &length));
-  std::string text;
-  for (unsigned int i = 0; i < length; ++i) text += fmt::format("{:02x}", bytes[i]);
-  return text;
 }
 
 }  // namespace cli

@@ -1,7 +1,12 @@
 // The order in which an ingest goes through a tree.
 #pragma once
 
+#include <atomic>
+#include <condition_variable>
 #include <cstddef>
+#include <exception>
+#include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -9,17 +14,25 @@
 
 namespace cli {
 
-// Depth first, parents before what is below them. Keeps only the names on the way down and opens
-// nothing, so neither memory nor descriptors grow with the tree.
+// Hands the directories of a tree to threads, which find more of them. Depth first, parents before
+// what is below them. Keeps only the names on the ways down and opens nothing, so neither memory
+// nor descriptors grow with the tree. All operations may be called from any thread.
 class TreeWalk {
  public:
-  explicit TreeWalk(DirectoryTask top) : top_(std::move(top)) {}
+  TreeWalk(DirectoryTask top, const std::atomic<bool>& stop);
 
-  // The next directory; false after the last.
+  // The next directory; waits while others may still find one. False after the last, when the run
+  // is to stop and when a thread has failed.
   bool next(DirectoryTask* task);
 
-  // What was found in a directory that `next` gave; before it is called again.
+  // What was found in a directory that `next` gave: once for each.
   void enter(const DirectoryTask& directory, std::vector<Subdirectory> below);
+
+  // Ends the walk for all threads, because of what the calling one caught.
+  void fail(std::exception_ptr cause) noexcept;
+
+  // Throws what the first failed thread caught, if there is one.
+  void rethrow();
 
  private:
   struct Level {
@@ -29,9 +42,16 @@ class TreeWalk {
     std::size_t position;
   };
 
-  DirectoryTask top_;
-  bool started_ = false;
+  bool pop(DirectoryTask* task);
+
+  const std::atomic<bool>& stop_;
+
+  std::mutex mutex_;  // guards what follows
+  std::condition_variable changed_;
+  std::optional<DirectoryTask> top_;  // until it is given
+  std::size_t in_work_ = 0;           // directories given and not yet entered
   std::vector<Level> levels_;
+  std::exception_ptr failure_;
 };
 
 }  // namespace cli

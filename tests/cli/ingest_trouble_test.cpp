@@ -143,7 +143,7 @@ TEST_F(IngestTest, ASignalStopsTheRunAndLeavesWholeDirectories) {
     if (has_size(record, 17)) raise(SIGTERM);
     return false;
   };
-  EXPECT_EQ(ingest(cli::kFailed), (Counters{1, 0, 0, 0, 0}));
+  EXPECT_EQ(ingest(cli::kFailed, {"--threads", "1"}), (Counters{1, 0, 0, 0, 0}));
   EXPECT_EQ(names("/a"), std::vector<std::string>{});
   EXPECT_FALSE(fs::exists(image_ + "/b"));
   EXPECT_EQ(counters(), (Counters{1, 3, 1, 0}));
@@ -159,7 +159,7 @@ TEST_F(IngestTest, CountersAreMendedAfterAKilledRun) {
       if (has_size(record, 17)) raise(SIGKILL);
       return false;
     };
-    return run().status;
+    return run({"--threads", "1"}).status;
   }));
   ASSERT_TRUE(WIFSIGNALED(ended));
   EXPECT_EQ(counters(), (Counters{0, 0, 0, 1}));

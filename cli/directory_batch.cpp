@@ -1,0 +1,64 @@
+#include "cli/directory_batch.h"
+
+#include <utility>
+
+#include "cli/database.h"
+#include "cli/list_gaps.h"
+#include "host/files.h"
+
+namespace cli {
+namespace {
+
+constexpr int kAttempts = 3;
+
+void mend_version(SQLitePODB& db, IngestOutcome* outcome) {
+  db.load_podb_version();
+  if (db.get_podb_version() != 0) return;
+  const cr_status_t status = db.set_property("db_version", "1");
+  if (status != CR_STATUS_OK) throw DirectoryError{status, "its database has no version"};
+  ++outcome->counts.mended;
+  outcome->problems.push_back(
+      {db.get_dbfile_path(), CR_STATUS_OK, "mended: the database had no version"});
+}
+
+void prepare_database(SQLitePODB& db, IngestOutcome* outcome) {
+  DatabaseState state{};
+  cr_status_t status = examine_database(db, &state);
+  if (status != CR_STATUS_OK) throw DirectoryError{status, "its database cannot be opened"};
+  if (state == DatabaseState::present) mend_version(db, outcome);
+  if (state != DatabaseState::leftover) return;
+  // A journal beside it can stay: SQLite discards the journal of a database without content.
+  status = wa_deletefile(db.get_dbfile_path().c_str());
+  if (status != CR_STATUS_OK) throw DirectoryError{status, "its empty database cannot be removed"};
+}
+
+// Whether the lists are to be looked at once more.
+bool try_batch(const IngestJob& job, SQLitePODB& db, const std::function<bool(RowBatch&)>& work,
+               IngestOutcome* outcome) {
+  prepare_database(db, outcome);
+  RowBatch batch(job, db, find_list_gaps(db.get_dir(), outcome));
+  if (!work(batch)) return false;
+  batch.commit();
+  outcome->add(std::move(batch.outcome()));
+  return batch.displaced_damage();
+}
+
+}  // namespace
+
+void run_batch(const IngestJob& job, SQLitePODB& db, const std::function<bool(RowBatch&)>& work,
+               IngestOutcome* outcome) {
+  for (int attempt = 1;; ++attempt) {
+    try {
+      const bool again = try_batch(job, db, work, outcome);
+      if (again)
+        run_batch(
+            job, db, [](RowBatch&) { return true; }, outcome);
+      return;
+    } catch (const ListsLost& lost) {
+      if (attempt < kAttempts) continue;
+      throw DirectoryError{lost.status, "its lists of containers cannot be written"};
+    }
+  }
+}
+
+}  // namespace cli
