@@ -30,15 +30,17 @@ bool may_hold_rows(const std::string& dbfile) {
   return status != CR_STATUS_NOT_FOUND;
 }
 
-// An entry without a name of its own, as one that was saved before, would stand for its parent: its
-// removal would take the whole data store along.
-bool names_directory(const _po_t* record) {
-  const std::string leaf = text_or_empty(POGetBasename(record));
-  return !leaf.empty() && leaf != "." && leaf != "..";
+// An entry without a name of its own, as one that was saved before, would stand for its parent, and
+// one that leads upward for another data store: its removal would take that along.
+bool names_directory(const PO& entry) {
+  const std::string leaf = text_or_empty(POGetBasename(entry.record()));
+  const std::string path = entry.GetLocalInternalDirName() + "/" + leaf + "/";
+  return !leaf.empty() && leaf != "." && path.find("/../") == std::string::npos;
 }
 
 unsigned int refuse_nameless() {
-  ErrorA(CR_STATUS_NO_LOCATION, "%s: the directory entry has no name", "update");
+  ErrorA(CR_STATUS_NO_LOCATION, "%s: the directory entry names no directory below its data store",
+         "update");
   return as_result(CR_STATUS_NO_LOCATION);
 }
 
@@ -117,7 +119,7 @@ unsigned int DirPO::update(PODB* db, ds_info_t& info, std::vector<PO*>&, std::ve
     ErrorA(CR_STATUS_BAD_RECORD, "%s: unexpected PO type %d", "update", type);
     return as_result(CR_STATUS_BAD_RECORD);
   }
-  if (!names_directory(record())) return refuse_nameless();
+  if (!names_directory(*this)) return refuse_nameless();
   const std::string path = catalog_path(*this, db->get_root());
   if (POGetModType(record()) == PO_MODTYPE_DELETE) {
     const unsigned int result = remove(db, path);

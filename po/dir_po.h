@@ -39,8 +39,9 @@ class POCATALOG_API DirPO : public PO {
   // Saves this entry or, when its modification code is PO_MODTYPE_DELETE, removes it; `db` is the
   // directory's own database. Counts a directory that was new (it or its "__dirpo__" was missing),
   // and discounts a removal that returned 0, a kept directory included, as intended. `action`
-  // becomes "A" or "D". The vectors are not touched. CR_STATUS_BAD_RECORD when this is no directory
-  // entry.
+  // becomes "A" or "D". The vectors are not touched. CR_STATUS_BAD_RECORD when this is
+  // no directory entry and CR_STATUS_NO_LOCATION when it has no name or ".." in its path; `action`
+  // is not touched then.
   unsigned int update(PODB* db, ds_info_t& info, std::vector<PO*>& removed_pos,
                       std::vector<PO*>& udcid_pos, std::string& action) override;
 

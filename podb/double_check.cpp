@@ -73,7 +73,8 @@ cr_status_t SQLitePODB::double_check_partial_affected_poset(std::ostringstream* 
                                                             POQueue* out) {
   *sql << kEndOfList;
   const std::size_t before = out->size();
-  QueryContext context{this, CR_STATUS_OK, 0, QUERY_PO_LIST, true, out};
+  QueryContext context(this, QUERY_PO_LIST, out);
+  context.skip_bad_rows = true;
   const cr_status_t status = exec_sql(sql->str(), &context);
   for (std::size_t i = before; i < out->size(); ++i) {
     affected->erase(text_or_empty(POGetHashRef((*out)[i]->record())));
@@ -96,7 +97,7 @@ cr_status_t SQLitePODB::double_check_partial_leak_candidates(
     std::ostringstream* sql, std::set<std::string>* leak_candidates) {
   *sql << kEndOfList;
   std::set<std::string> used;
-  QueryContext context{this, CR_STATUS_OK, 0, QUERY_NAME_SET, false, &used};
+  QueryContext context(this, QUERY_NAME_SET, &used);
   const cr_status_t status = exec_sql(sql->str(), &context);
   for (const std::string& poid : used) leak_candidates->erase(poid);
   return status;

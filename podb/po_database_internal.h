@@ -19,11 +19,14 @@ enum QueryType : std::uint32_t {
 };
 
 struct SQLitePODB::QueryContext {
+  QueryContext(SQLitePODB* database, std::uint32_t query_type, void* results)
+      : owner(database), type(query_type), output(results) {}
+
   SQLitePODB* owner;
-  cr_status_t status;  // of the last row
-  std::int32_t rows;   // delivered, counted before each is examined
+  cr_status_t status = CR_STATUS_OK;  // of the last row
+  std::int32_t rows = 0;              // delivered, counted before each is examined
   std::uint32_t type;
-  bool skip_bad_rows;  // a row that fails its checks is left out and the query goes on
+  bool skip_bad_rows = false;  // a row that fails its checks is left out and the query goes on
   void* output;
 };
 

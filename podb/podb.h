@@ -72,7 +72,7 @@ class POCATALOG_API PODB {
   virtual cr_status_t get(const std::string& basename, PO* po);
 
   // Inserts or replaces the entry that `po` describes. Strips the location of `po`
-  // (PO::remove_info): a stored object is not put again.
+  // (PO::remove_info), even when it fails later: an object is put once.
   virtual cr_status_t put(PO* po) = 0;
 
   // Deletes the entry of that name; of that name and `second`, the POID; or every listed one (0 as

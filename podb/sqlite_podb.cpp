@@ -27,6 +27,10 @@ std::string statement(const char* format, Values... values) {
   return text;
 }
 
+std::string property_statement(const std::string& name, const std::string& value) {
+  return statement("INSERT OR REPLACE INTO registry VALUES (%Q, %Q)", name.c_str(), value.c_str());
+}
+
 }  // namespace
 
 std::uint32_t SQLitePODB::calculate_crc(const char* basename, const char* poid,
@@ -68,7 +72,7 @@ cr_status_t SQLitePODB::get(const std::string& basename, PO* po) {
   const cr_status_t opened = check_db_existence(false);
   set_host_status(opened);
   if (opened != CR_STATUS_OK) return CR_STATUS_NOT_FOUND;
-  QueryContext context{this, CR_STATUS_OK, 0, QUERY_PO, false, po};
+  QueryContext context(this, QUERY_PO, po);
   const cr_status_t status = exec_sql(kSelectEntries + where_name_is(basename), &context);
   const bool damaged = context.status != CR_STATUS_OK;
   set_host_status(damaged ? CR_STATUS_OK : status);
@@ -115,7 +119,7 @@ cr_status_t SQLitePODB::count(unsigned long* n) {
 }
 
 cr_status_t SQLitePODB::count_query(const std::string& sql, unsigned long* n) {
-  QueryContext context{this, CR_STATUS_OK, 0, QUERY_COUNT, false, n};
+  QueryContext context(this, QUERY_COUNT, n);
   const cr_status_t status = exec_sql(sql, &context);
   return status != CR_STATUS_OK ? status : context.status;
 }
@@ -123,7 +127,7 @@ cr_status_t SQLitePODB::count_query(const std::string& sql, unsigned long* n) {
 cr_status_t SQLitePODB::get_property(const std::string& name, std::string* value) {
   if (value == nullptr) return CR_STATUS_BAD_ARG;
   if (!db->is_open()) return CR_STATUS_NOT_FOUND;
-  QueryContext context{this, CR_STATUS_OK, 0, QUERY_STRING, false, value};
+  QueryContext context(this, QUERY_STRING, value);
   const cr_status_t status =
       exec_sql("SELECT value FROM registry WHERE name = " + quoted(name), &context);
   if (status != CR_STATUS_OK) return status;
@@ -132,8 +136,7 @@ cr_status_t SQLitePODB::get_property(const std::string& name, std::string* value
 
 cr_status_t SQLitePODB::set_property(const std::string& name, const std::string& value) {
   if (!db->is_open()) return CR_STATUS_NOT_FOUND;
-  return exec_write(
-      statement("INSERT OR REPLACE INTO registry VALUES (%Q, %Q)", name.c_str(), value.c_str()));
+  return exec_write(property_statement(name, value));
 }
 
 void SQLitePODB::load_podb_version() {
@@ -143,6 +146,8 @@ void SQLitePODB::load_podb_version() {
   version = static_cast<std::uint32_t>(std::strtoull(value.c_str(), nullptr, 10));
 }
 
+// Not refused after a lost transaction: a file just created holds no part of it.
 void SQLitePODB::write_podb_version() {
-  if (set_property(kVersionProperty, "1") == CR_STATUS_OK) version = 1;
+  const std::string sql = property_statement(kVersionProperty, "1");
+  if (exec_sql(sql, nullptr) == CR_STATUS_OK) version = 1;
 }

@@ -87,7 +87,7 @@ class POCATALOG_API SQLitePODB : public PODB {
                              unsigned long limit) override;
 
   // CR_STATUS_NOT_FOUND when the database could not be opened, CR_STATUS_NOT_EMPTY when it was
-  // kept.
+  // kept. Deletions of an open transaction count, and cannot be rolled back once the file is gone.
   cr_status_t drop_db_if_empty() override;
 
   // The argument is ignored. An open transaction is lost.
@@ -129,7 +129,9 @@ class POCATALOG_API SQLitePODB : public PODB {
   virtual cr_status_t exec_sql_impl(const std::string& sql, void* context);
   cr_status_t exec_sql(const std::string& sql, void* context);
 
-  // Opens the file, whether it is there or not; opens it if there is something in it.
+  // Opens the file, whether it is there or not; opens it if there is something in it, with
+  // CR_STATUS_NOT_FOUND for no file and CR_STATUS_BAD_DATA for an empty one or one that could not
+  // be looked at.
   cr_status_t open();
   cr_status_t checkopen();
 
@@ -157,8 +159,7 @@ class POCATALOG_API SQLitePODB : public PODB {
   cr_status_t do_rollback_transaction() override;
 
  private:
-  class po_database;
-  friend class po_database;
+  class __attribute__((visibility("hidden"))) po_database;
   struct QueryContext;
 
   cr_status_t refuse_lost_transaction(const char* operation) const;

@@ -161,7 +161,7 @@ bool SQLitePODB::db_integrity_OK() {
 cr_status_t SQLitePODB::drop_db_if_empty() {
   if (check_db_existence(false) != CR_STATUS_OK) return CR_STATUS_NOT_FOUND;
   unsigned long has_rows = 0;
-  QueryContext context{this, CR_STATUS_OK, 0, QUERY_COUNT, false, &has_rows};
+  QueryContext context(this, QUERY_COUNT, &has_rows);
   const cr_status_t status = exec_sql("SELECT EXISTS (SELECT * FROM po)", &context);
   if (status != CR_STATUS_OK || context.rows != 1 || has_rows != 0) return CR_STATUS_NOT_EMPTY;
   return db->drop_db();

@@ -65,7 +65,8 @@ cr_status_t SQLitePODB::run_selection(const char* head, const QueryParams& q, st
   if (check_db_existence(false) != CR_STATUS_OK) {
     return q.allow_missing ? CR_STATUS_OK : CR_STATUS_NOT_FOUND;
   }
-  QueryContext context{this, CR_STATUS_OK, 0, type, type != QUERY_NAME_LIST, output};
+  QueryContext context(this, type, output);
+  context.skip_bad_rows = type != QUERY_NAME_LIST;
   return exec_sql(selection(head, q), &context);
 }
 
@@ -95,7 +96,7 @@ cr_status_t SQLitePODB::find_by_cursor(const std::string& cursor, std::vector<st
                                        unsigned long) {
   if (out == nullptr) return CR_STATUS_BAD_ARG;
   if (check_db_existence(false) != CR_STATUS_OK) return CR_STATUS_NOT_FOUND;
-  QueryContext context{this, CR_STATUS_OK, 0, QUERY_NAME_LIST, false, out};
+  QueryContext context(this, QUERY_NAME_LIST, out);
   return exec_sql(
       std::string(kSelectNames) + " WHERE basename > " + quoted(cursor) + " ORDER BY basename",
       &context);

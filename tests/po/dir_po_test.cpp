@@ -15,8 +15,9 @@ namespace fs = std::filesystem;
 // The catalog directory 5/c/d.
 class Directories : public EntryTest {
  protected:
-  unsigned int update(char mod_type, const std::string& leaf = "d") {
-    refhost::RecordFields fields = dir_fields(leaf, "/c");
+  unsigned int update(char mod_type, const std::string& leaf = "d",
+                      const std::string& parent = "/c") {
+    refhost::RecordFields fields = dir_fields(leaf, parent);
     fields.dsid = 5;
     fields.mod_type = mod_type;
     const std::unique_ptr<PO> entry(PO::getObject(text_of(fields), PO_STYPE_NONE));
@@ -55,6 +56,7 @@ TEST_F(Directories, are_removed_unless_their_database_may_hold_rows) {
   for (const auto& [content, kept] : cases) {
     EXPECT_EQ(update('N'), 0U);
     EXPECT_EQ(update('D', ""), 47U) << "without a name it would take its parent along";
+    EXPECT_EQ(update('D', "c", "/../5"), 47U) << "it would leave its data store";
     if (content.find("row") == std::string::npos) {
       std::ofstream(dir + "/po.db") << content;
     } else {
