@@ -50,6 +50,11 @@ void keep_first(std::vector<DirEntry>* entries, std::size_t limit) {
   entries->erase(end, entries->end());
 }
 
+bool is_of_catalog(const CatalogPath& directory, const DirEntry& entry) {
+  if (entry.kind != EntryKind::directory) return false;
+  return !directory.components.empty() || parse_dsid(entry.name).has_value();
+}
+
 bool is_entry_after(const std::string& name, const std::string& after) {
   return name > after && name != "." && name != "..";
 }
@@ -94,7 +99,7 @@ bool DirPager::fill() {
 void walk_directories(const CatalogPath& top, const std::function<void(const CatalogPath&)>& visit,
                       const std::function<void(const CatalogPath&, cr_status_t)>& failed) {
   std::vector<std::pair<CatalogPath, DirPager>> open_levels;
-  visit(top);
+  if (!top.components.empty()) visit(top);
   open_levels.emplace_back(top, DirPager(top.full()));
   while (!open_levels.empty()) {
     auto& [path, entries] = open_levels.back();
@@ -102,7 +107,7 @@ void walk_directories(const CatalogPath& top, const std::function<void(const Cat
     if (entry == nullptr) {
       if (entries.status() != CR_STATUS_OK) failed(path, entries.status());
       open_levels.pop_back();
-    } else if (entry->kind == EntryKind::directory) {
+    } else if (is_of_catalog(path, *entry)) {
       const CatalogPath below = path.child(entry->name);
       visit(below);
       open_levels.emplace_back(below, DirPager(below.full()));

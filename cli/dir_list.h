@@ -44,8 +44,8 @@ class DirPager {
 };
 
 // Visits a directory of the catalog and all directories below it, parents first, in byte order.
-// Symbolic links are never followed. `failed` gets the
-// directories that cannot be read, and the walk goes on.
+// Symbolic links are never followed. `failed` gets the directories that cannot be read, and the
+// walk goes on. From the root of a catalog, all data stores are visited and nothing else there.
 void walk_directories(const CatalogPath& top, const std::function<void(const CatalogPath&)>& visit,
                       const std::function<void(const CatalogPath&, cr_status_t)>& failed);
 

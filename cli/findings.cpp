@@ -29,7 +29,8 @@ void Findings::add(const std::string& file, const std::string& reason) { print(f
 void Findings::add_content_without_list(const std::string& entry, const std::string& poid,
                                         std::uint64_t entries) {
   ++contents_without_list_;
-  print(entry, poid, fmt::format("has no list of containers; {} entries of it here", entries));
+  const std::string others = fmt::format("; {} entries here have it", entries);
+  print(entry, poid, "has no list of containers" + (entries > 1 ? others : ""));
 }
 
 void Findings::add_lone_list(const std::string& file, const std::string& poid) {

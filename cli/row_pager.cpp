@@ -20,11 +20,10 @@ std::string quoted(const std::string& name) { return "'" + base::sql_escaped(nam
 
 using Entries = std::unordered_map<std::string, boost::intrusive_ptr<PO>>;
 
-cr_status_t read_range(SQLitePODB* db, const std::string& first, const std::string& last,
-                       Entries* entries) {
+cr_status_t read_range(SQLitePODB* db, const std::string& condition, const std::string& first,
+                       const std::string& last, Entries* entries) {
   QueryParams range;
-  range.where =
-      std::string(kNamed) + " AND basename BETWEEN " + quoted(first) + " AND " + quoted(last);
+  range.where = condition + " AND basename BETWEEN " + quoted(first) + " AND " + quoted(last);
   POQueue found;
   const cr_status_t status = db->select(range, nullptr, &found);
   for (const auto& entry : found) entries->emplace(POGetBasename(entry->record()), entry);
@@ -32,6 +31,10 @@ cr_status_t read_range(SQLitePODB* db, const std::string& first, const std::stri
 }
 
 }  // namespace
+
+RowPager::RowPager(const CatalogPath& directory, const std::string& condition)
+    : db_(directory.root, directory.full()),
+      condition_(kNamed + (condition.empty() ? "" : " AND (" + condition + ")")) {}
 
 const Row* RowPager::next() {
   if (position_ == page_.size() && !fill()) return nullptr;
@@ -52,14 +55,14 @@ bool RowPager::fill() {
 }
 
 cr_status_t RowPager::read_page() {
-  std::string where = kNamed;
+  std::string where = condition_;
   if (!page_.empty()) where += " AND basename > " + quoted(page_.back().name);
   page_.clear();
   std::vector<std::string> names;
   const cr_status_t listed = db_.select_basenames(&names, where, ORDER_ASCENDING, kPage);
   if (listed != CR_STATUS_OK || names.empty()) return listed;
   Entries entries;
-  const cr_status_t status = read_range(&db_, names.front(), names.back(), &entries);
+  const cr_status_t status = read_range(&db_, condition_, names.front(), names.back(), &entries);
   if (status != CR_STATUS_OK) return status;
   for (std::string& name : names) {
     const auto found = entries.find(name);

@@ -21,7 +21,8 @@ struct Row {
 // A directory without a database has no rows.
 class RowPager {
  public:
-  explicit RowPager(const CatalogPath& directory) : db_(directory.root, directory.full()) {}
+  // Passes over rows that do not meet `condition`, raw SQL; empty means every row.
+  explicit RowPager(const CatalogPath& directory, const std::string& condition = "");
 
   // The next row, null after the last one or when `status` is not 0. It lives until the next call.
   const Row* next();
@@ -35,6 +36,7 @@ class RowPager {
   cr_status_t read_page();
 
   SQLitePODB db_;
+  const std::string condition_;
   std::vector<Row> page_;
   std::size_t position_ = 0;
   bool last_page_ = false;

@@ -8,12 +8,16 @@
 #include <memory>
 #include <string>
 
+#include "cli/check.h"
 #include "cli/command.h"
+#include "cli/dcids.h"
 #include "cli/declare.h"
+#include "cli/find.h"
 #include "cli/ingest.h"
 #include "cli/ls.h"
 #include "cli/rm.h"
 #include "cli/show.h"
+#include "cli/stats.h"
 #include "cli/verify.h"
 #include "refhost/control.h"
 
@@ -95,9 +99,68 @@ void declare_verify(CLI::App& app, Request& request) {
   command->add_option("ROOT", options->root, kRootHelp)->required();
 }
 
-constexpr std::array kSubcommands = {declare_ingest,  declare_ls,     declare_show,
-                                     declare_rm,      declare_verify, declare_retention,
-                                     declare_journal, declare_logs,   declare_patrol};
+void declare_find(CLI::App& app, Request& request) {
+  const auto options = std::make_shared<FindOptions>();
+  CLI::App* command = add_subcommand(
+      app, request, "find",
+      "Finds files by their names, and prints their paths below ROOT, directory by directory. "
+      "Damaged entries whose names match are named on standard error; the exit status is 4 then, "
+      "and 3 when a directory could not be read.",
+      find, options);
+  command->add_option("ROOT", options->root, kRootHelp)->required();
+  command
+      ->add_option("PATTERN", options->pattern,
+                   "The name, without directories. '*' stands for any bytes; where names are "
+                   "case-sensitive also '?' for one character and [abc] for one of these")
+      ->required();
+  command->add_option("--under", options->under, "Only in this directory below ROOT and deeper");
+  command->add_option("--poid", options->poid, "Only files with the content of this POID");
+  command->add_option("--size", options->size, "Only files of more ('>N') or less ('<N') bytes");
+  command->add_option("--newer", options->newer,
+                      "Only files modified after this time: RFC 3339, or seconds since 1970");
+  command->add_flag("-0", options->nul, "End every path with a NUL, and print it as it is");
+}
+
+void declare_stats(CLI::App& app, Request& request) {
+  const auto options = std::make_shared<StatsOptions>();
+  CLI::App* command = add_subcommand(
+      app, request, "stats",
+      "Counts files, directories and bytes; different contents, those of one file only (unique) "
+      "and of several (shared), and their bytes, each content once; lists of containers and "
+      "different containers. Then names the directories with most bytes directly in them. Takes "
+      "about 200 bytes of temporary space for each file; TMPDIR says where.",
+      stats, options);
+  command->add_option("ROOT", options->root, kRootHelp)->required();
+  command->add_option("--dsid", options->dsid, "Only this data store");
+}
+
+void declare_dcids(CLI::App& app, Request& request) {
+  const auto options = std::make_shared<DcidsOptions>();
+  CLI::App* command = add_subcommand(
+      app, request, "dcids",
+      "Prints the data containers of one content, and the bytes of it in each.", dcids, options);
+  command->add_option("ROOT", options->root, kRootHelp)->required();
+  command
+      ->add_option("CONTENT", options->content,
+                   "A file's path below ROOT, or a POID; that one is looked for everywhere")
+      ->required();
+}
+
+void declare_check(CLI::App& app, Request& request) {
+  const auto options = std::make_shared<CheckOptions>();
+  CLI::App* command = add_subcommand(
+      app, request, "check",
+      "Compares the parts of a catalog with each other: names contents without a list of "
+      "containers, lists without a content, and counters that differ from what is stored. Exit "
+      "status 4 when there are such, 3 when something could not be examined.",
+      check, options);
+  command->add_option("ROOT", options->root, kRootHelp)->required();
+}
+
+constexpr std::array kSubcommands = {
+    declare_ingest,  declare_ls,   declare_show,   declare_find,  declare_stats,
+    declare_dcids,   declare_rm,   declare_verify, declare_check, declare_retention,
+    declare_journal, declare_logs, declare_patrol};
 
 constexpr const char* kFooter =
     "Exit status: 0 done, 1 failed, 2 wrong arguments, 3 some entries were not done,\n"

@@ -1,0 +1,307 @@
+// What verify, check, stats and dcids say about contents and their lists of containers.
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <map>
+
+#include "base/adler32.h"
+#include "cli/dsinfo.h"
+#include "tests/cli/lists_fixture.h"
+
+namespace {
+
+// What happens while a lock is waited for, once.
+std::function<void()> before_lock;
+
+}  // namespace
+
+// Stands before the system's own.
+extern "C" int flock(int file, int operation) {
+  const std::function<void()> happens = std::exchange(before_lock, nullptr);
+  if (happens) happens();
+  return static_cast<int>(syscall(SYS_flock, file, operation));
+}
+
+namespace {
+
+std::string hex_of(std::initializer_list<std::uint64_t> numbers, unsigned version = 2,
+                   unsigned count = 2) {
+  std::string bytes{static_cast<char>(version), 0, 0, 0, static_cast<char>(count), 0, 0, 0};
+  for (std::uint64_t number : numbers) {
+    bytes.append(reinterpret_cast<const char*>(&number), sizeof number);
+  }
+  const std::uint32_t sum = base::adler32(base::kAdler32Start, bytes.data(), bytes.size());
+  bytes.append(reinterpret_cast<const char*>(&sum), sizeof sum);
+  std::ostringstream hex;
+  for (const char byte : bytes) {
+    hex << "0123456789ABCDEF"[(byte >> 4) & 15] << "0123456789ABCDEF"[byte & 15];
+  }
+  return "x'" + hex.str() + "'";
+}
+
+class ListCommandsTest : public ListsTest {
+ protected:
+  // The findings of a command, without its summary.
+  std::vector<nlohmann::json> findings(const std::string& command, int* status) const {
+    const Outcome outcome = run_command({command, "--json", root_});
+    *status = outcome.status;
+    auto lines = outcome.json();
+    lines.pop_back();
+    return lines;
+  }
+
+  void write_counters(const cli::DsInfo& info) const {
+    std::ofstream(full("5/__dsinfo__")) << cli::print_dsinfo(info);
+  }
+  const cli::DsInfo counters_{{2050, 1, 4}, 0};
+};
+
+TEST_F(ListCommandsTest, EveryDamageToAListIsNamed) {
+  const std::string sound = raw_sql(lists(), "SELECT hex(udcids) FROM utable").at(0).at(0);
+  struct Case {
+    std::string change;
+    std::string reason;
+  };
+  const std::vector<Case> cases = {
+      {"poid = CAST(poid AS BLOB)", "poid is a blob"},
+      {"poid = poid || char(0)", "poid holds a NUL"},
+      {"poid = 'x'", "poid is not valid"},
+      {"poid = NULL", "poid is NULL"},
+      {"udcids = NULL", "udcids is NULL, not a blob"},
+      {"udcids = 'x'", "udcids is text"},
+      {"udcids = x''", "checksum or size"},
+      {"udcids = x'010203'", "checksum or size"},
+      {"udcids = x'" + sound.substr(2) + "'", "checksum or size"},
+      {"udcids = " + hex_of({100, 200, 1}), "checksum or size"},
+      {"udcids = " + hex_of({100, 200, 1, 1, 1}), "takes 52 bytes, not 44"},
+      {"udcids = " + hex_of({100, 200, 1, 1}, 3), "version is 3, not 2"},
+      {"udcids = " + hex_of({100}, 1), "version is 1, not 2"},
+      {"udcids = " + hex_of({}, 2, 0), "the list is empty"},
+      {"udcids = " + hex_of({63, 200, 1, 1}), "container 63 cannot exist"},
+      {"udcids = " + hex_of({200, 100, 1, 1}), "container 100 follows container 200"},
+      {"udcids = " + hex_of({100, 100, 1, 1}), "container 100 follows container 100"},
+  };
+  std::filesystem::copy_file(lists(), lists() + ".sound");
+  std::filesystem::rename(lists() + ".sound", temp_.path() + ".sound");
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.change);
+    raw_sql(lists(), "UPDATE utable SET " + c.change + " WHERE poid LIKE '%1'");
+    int status = 0;
+    const auto lines = findings("verify", &status);
+    EXPECT_EQ(status, cli::kInconsistent);
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines[0].value("file", ""), lists());
+    EXPECT_EQ(lines[0].value("rowid", 0), 1);
+    EXPECT_NE(lines[0].value("reason", "").find(c.reason), std::string::npos) << lines[0];
+    std::filesystem::copy_file(temp_.path() + ".sound", lists(),
+                               std::filesystem::copy_options::overwrite_existing);
+  }
+  std::filesystem::remove(temp_.path() + ".sound");
+}
+
+TEST_F(ListCommandsTest, DamageToTheDatabaseOfListsIsNamed) {
+  struct Case {
+    std::function<void()> damage;
+    std::string reason;
+  };
+  const std::vector<Case> cases = {
+      {[&] { raw_sql(lists(), "CREATE INDEX more ON utable(udcids)"); },
+       "index more does not belong"},
+      {[&] { raw_sql(lists(), "ALTER TABLE utable ADD more"); },
+       "table utable is defined differently"},
+      {[&] { raw_sql(lists(), "DROP TABLE utable"); }, "table utable is missing"},
+      {[&] { std::ofstream(lists(), std::ios::trunc); }, "is empty"},
+      {[&] { std::ofstream(lists()) << std::string(5000, 'x'); },
+       "cannot be read: file is not a database"},
+      {[&] {
+         std::filesystem::remove(lists());
+         std::filesystem::create_symlink("/dev/zero", lists());
+       },
+       "is not a regular file"},
+  };
+  for (const Case& c : cases) {
+    c.damage();
+    const Outcome outcome = run_command({"verify", root_});
+    EXPECT_EQ(outcome.status, cli::kInconsistent);
+    EXPECT_NE(outcome.out.find(lists() + ": " + c.reason), std::string::npos) << outcome.out;
+  }
+}
+
+TEST_F(ListCommandsTest, VerifyAndCheckNameContentsAndListsThatDoNotFit) {
+  struct Case {
+    std::string name;
+    std::function<void()> change;
+    std::map<std::string, std::string> found;  // POID, and the file that is named
+  };
+  const std::string alpha = full(image_) + "/alpha";
+  const std::string gamma = full(image_) + "/gamma";
+  const std::vector<Case> cases = {
+      {"all fits", [] {}, {}},
+      {"no fingerprint", [&] { add_file("alpha2", file_fields("", make_poid(7), 5)); }, {}},
+      {"a list less",
+       [&] { raw_sql(lists(), "DELETE FROM utable WHERE poid LIKE '%1'"); },
+       {{make_poid(1), alpha}}},
+      {"an entry less as well",
+       [&] { sql("DELETE FROM po WHERE basename = 'gamma'"); },
+       {{make_poid(1), alpha}, {make_poid(2), lists()}}},
+      {"no lists at all, and the entry again",
+       [&] {
+         std::filesystem::remove(lists());
+         add_content("gamma", 2, 50);
+       },
+       {{make_poid(1), alpha}, {make_poid(2), gamma}}},
+      {"no entries at all",
+       [&] {
+         std::filesystem::remove(database(image_));
+         add_list(1, {100});
+       },
+       {{make_poid(1), lists()}}},
+  };
+  write_counters(counters_);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    c.change();
+    for (const char* command : {"verify", "check"}) {
+      int status = 0;
+      std::map<std::string, std::string> found;
+      for (const auto& line : findings(command, &status)) {
+        if (line.contains("poid")) found[line.value("poid", "")] = line.value("file", "");
+      }
+      EXPECT_EQ(found, c.found) << command;
+      EXPECT_TRUE(c.found.empty() || status == cli::kInconsistent) << status;
+    }
+  }
+}
+
+TEST_F(ListCommandsTest, MoreMismatchesThanAPageAreAllNamed) {
+  raw_sql(lists(),
+          "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 1300) INSERT "
+          "INTO utable SELECT printf('%064d', i), udcids FROM n, (SELECT udcids FROM utable LIMIT "
+          "1)");
+  write_counters(counters_);
+  int status = 0;
+  EXPECT_EQ(findings("check", &status).size(), 1300U);
+  raw_sql(lists(), "DELETE FROM utable WHERE poid LIKE '0%'");
+  EXPECT_TRUE(findings("check", &status).empty());
+}
+
+// Lists are committed before entries: in between, whoever holds the lock has not finished.
+TEST_F(ListCommandsTest, WhatAnIngestIsJustDoingIsNoMismatch) {
+  add_list(3, {300});
+  before_lock = [&] { add_content("delta", 3, 10); };
+  int status = 0;
+  EXPECT_TRUE(findings("verify", &status).empty());
+  EXPECT_EQ(before_lock, nullptr);
+  EXPECT_EQ(status, cli::kDone);
+}
+
+TEST_F(ListCommandsTest, CountersAreComparedUnlessARunIsAtWork) {
+  struct Case {
+    std::string name;
+    std::function<void()> change;
+    std::size_t found;
+    int status;
+  };
+  cli::DsInfo other = counters_;
+  other.counters = {2051, 1, 3};
+  cli::DsInfo open = counters_;
+  open.open_runs = 1;
+  const std::string lock = full("5/__dsinfo__.lock");
+  const refhost::Fd run(::open(lock.c_str(), O_RDWR | O_CREAT, 0600));
+  const std::vector<Case> cases = {
+      {"equal", [&] { write_counters(counters_); }, 0, cli::kDone},
+      {"different", [&] { write_counters(other); }, 2, cli::kInconsistent},
+      {"a run died", [&] { write_counters(open); }, 1, cli::kInconsistent},
+      {"not readable", [&] { std::ofstream(full("5/__dsinfo__")) << "x"; }, 1, cli::kInconsistent},
+      {"missing", [&] { std::filesystem::remove(full("5/__dsinfo__")); }, 1, cli::kInconsistent},
+      {"at work", [&] { flock(run.get(), LOCK_SH); }, 0, cli::kIncomplete},
+      {"at work no more", [&] { flock(run.get(), LOCK_UN); }, 1, cli::kInconsistent},
+  };
+  for (const Case& c : cases) {
+    c.change();
+    int status = 0;
+    EXPECT_EQ(findings("check", &status).size(), c.found) << c.name;
+    EXPECT_EQ(status, c.status) << c.name;
+  }
+}
+
+TEST_F(ListCommandsTest, StatsCountContentsAndContainersOnce) {
+  add_directory(image_ + "/deep");
+  std::filesystem::copy_file(database(image_), database(image_ + "/deep"));
+  raw_sql(database(image_ + "/deep"), "DELETE FROM po WHERE basename <> 'beta'");
+  std::filesystem::create_directories(full("6/c"));
+  const auto lines = run_command({"stats", "--json", root_}).json();
+  ASSERT_EQ(lines.size(), 3U);
+  EXPECT_EQ(lines[0].dump(),
+            R"({"bytes":3050,"containers":2,"content_bytes":1050,"contents":2,"directories":2,)"
+            R"("files":5,"lists":2,"shared_contents":1,"unique_contents":1})");
+  EXPECT_EQ(lines[1].value("directory", ""), image_);
+  EXPECT_EQ(lines[1].value("bytes", 0), 2050);
+  EXPECT_EQ(lines[2].value("directory", ""), image_ + "/deep");
+  EXPECT_EQ(run_command({"stats", "--json", root_, "--dsid", "6"}).json().at(0).value("files", 1),
+            0);
+  EXPECT_EQ(run_command({"stats", root_, "--dsid", "7"}).status, cli::kFailed);
+  raw_sql(lists(), "UPDATE utable SET udcids = x'00' WHERE poid LIKE '%2'");
+  const Outcome damaged = run_command({"stats", "--json", root_});
+  EXPECT_EQ(damaged.status, cli::kInconsistent);
+  EXPECT_EQ(damaged.json().at(0).value("lists", 0), 1);
+}
+
+TEST_F(ListCommandsTest, TheContainersOfAContentArePrinted) {
+  const std::string printed =
+      "                 100                  100\n"
+      "                 200                  200\n"
+      "2 containers, 300 bytes\n";
+  EXPECT_EQ(run_command({"dcids", root_, image_ + "/beta"}).out, printed);
+  EXPECT_EQ(run_command({"dcids", root_, make_poid(1)}).out, printed);
+  const auto lines = run_command({"--json", "dcids", root_, make_poid(2)}).json();
+  ASSERT_EQ(lines.size(), 1U);
+  EXPECT_EQ(lines[0].dump(), R"({"bytes":200,"dcid":200})");
+  add_content("lost", 3, 5);
+  add_content("bad", 4, 5);
+  raw_sql(lists(), "INSERT INTO utable VALUES ('" + make_poid(4) + "', x'00')");
+  const std::vector<std::pair<std::string, int>> failing = {
+      {image_ + "/empty", cli::kFailed},
+      {image_ + "/none", cli::kFailed},
+      {image_, cli::kFailed},
+      {make_poid(9), cli::kFailed},
+      {image_ + "/lost", cli::kInconsistent},
+      {image_ + "/bad", cli::kInconsistent},
+      {make_poid(4), cli::kInconsistent},
+      {"../x", cli::kUsage},
+  };
+  for (const auto& [content, status] : failing) {
+    const Outcome outcome = run_command({"dcids", root_, content});
+    EXPECT_EQ(outcome.status, status) << content;
+    EXPECT_EQ(outcome.out, "");
+    EXPECT_NE(outcome.err, "");
+  }
+}
+
+TEST_F(ListCommandsTest, NoCommandThatReadsWritesAnything) {
+  add_directory(image_ + "/bare");
+  raw_sql(lists(), "UPDATE utable SET udcids = x'00' WHERE poid LIKE '%2'");  // get would drop it
+  const auto snapshot = [&] {
+    std::map<std::string, std::string> files;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(root_)) {
+      std::string& content = files[entry.path()];
+      if (!entry.is_regular_file()) continue;
+      std::ifstream file(entry.path(), std::ios::binary);
+      content = {std::istreambuf_iterator<char>(file), {}};
+    }
+    return files;
+  };
+  const auto before = snapshot();
+  run_command({"find", root_, "*"});
+  run_command({"dcids", root_, make_poid(2)});
+  for (const char* command : {"stats", "check", "verify"}) run_command({command, root_});
+  EXPECT_EQ(snapshot(), before);
+}
+
+}  // namespace
