@@ -10,8 +10,7 @@ TEST(Adler32, is_exact_for_any_length_and_continues_where_it_stopped) {
     return base::adler32(start, text.data(), text.size());
   };
   EXPECT_EQ(adler("pedia", adler("Wiki")), 0x11E60398U);
-  EXPECT_EQ(adler(std::string(5552, '\xFF')), 0xF18F9B8CU);
-  EXPECT_EQ(adler(std::string(5553, '\xFF')), 0x8E299C8BU);
+  EXPECT_EQ(adler(std::string(1000003, '\xFF')), 0xE395E4BBU);
 }
 
 TEST(SqlText, doubles_quotes_and_touches_nothing_else) {

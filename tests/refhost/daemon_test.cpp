@@ -37,6 +37,8 @@ struct Child {
     }
     waitpid(pid, nullptr, WUNTRACED);
   }
+  Child(const Child&) = delete;
+  Child& operator=(const Child&) = delete;
   ~Child() {
     kill(pid, SIGKILL);
     waitpid(pid, nullptr, 0);
