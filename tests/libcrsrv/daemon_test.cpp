@@ -36,7 +36,7 @@ TEST(DaemonStart, AdmitsOneInstanceWhoseLockEndsWithIt) {
     for (int round = 0; round < 2; ++round) {
       const pid_t daemon = started_daemon();
       ASSERT_GT(daemon, 0);
-      EXPECT_EQ(SDDaemonStart("d", 0), CR_STATUS_HELD);
+      EXPECT_EQ(SDDaemonStart("d", 1), CR_STATUS_HELD);
       log.expect_error(CR_STATUS_HELD, "d: a conflicting instance is currently active (pid = " +
                                            std::to_string(daemon) + ")\n");
       EXPECT_EQ(SDDaemonActive("other"), CR_STATUS_OK);

@@ -14,7 +14,7 @@ inline cr_status_t& cell() { return *__cr_errno_location(); }
 
 class EntryTest : public testing::Test {
  protected:
-  ~EntryTest() override {
+  void TearDown() override {
     for (const PO* old : removed) delete old;
   }
 

@@ -19,19 +19,6 @@ namespace {
 
 using Entries = EntryTest;
 
-TEST_F(Entries, copied_share_nothing) {
-  FilePO entry("/r", "/r/5/d/f", 5);
-  entry.set_udcid_record(std::make_unique<UDCIDRecord>());
-  UDCIDRecord& list = *entry.get_udcid_record();
-  list.ndcid = 1;
-  list.owns_buffer = true;
-  list.dcids = static_cast<std::uint64_t*>(std::calloc(2, sizeof(std::uint64_t)));
-  const FilePO copy(entry);
-  list.dcids[0] = 77;
-  EXPECT_NE(copy.record(), entry.record());
-  EXPECT_EQ(copy.get_udcid_record()->dcids[0], 0U);
-}
-
 TEST_F(Entries, move_to_a_path_and_give_it_up_when_written) {
   FilePO entry(5);
   std::string path;

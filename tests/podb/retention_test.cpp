@@ -59,16 +59,16 @@ TEST_F(Retention, AddsFlagsRaisesTheLockOnlyAndReportsTimesRelativeToTheClock) {
     unsigned long flags;
     long period;
     cr_status_t status;
-    std::uint64_t atime;
     std::uint32_t special_flags;
+    std::uint64_t atime;
     std::int64_t ctime_offset, remaining;
-  } cases[] = {{5000, 0, 500, 0, 77, 0, 0, 0},
-               {5000, RETENTION_LOCK, 100, 0, 5100, kLocked, -4000, 100},
-               {5000, RETENTION_LOCK | RETENTION_IMMUTABLE, 99, CR_STATUS_LOCK_LOWERED, 5100,
-                kLocked, -4000, 100},
-               {5001, RETENTION_LOCK, 99, 0, 5100, kLocked, -4001, 99},
-               {5001, RETENTION_IMMUTABLE, 0, 0, 5100, kBoth, -4001, 99},
-               {1, RETENTION_LOCK | RETENTION_CLOUD, 10, 0, 1010, kBoth | SF_CLOUDLSU, 0, 0}};
+  } cases[] = {{5000, 0, 500, 0, 0, 77, 0, 0},
+               {5000, RETENTION_LOCK, 100, 0, kLocked, 5100, -4000, 100},
+               {5000, RETENTION_LOCK | RETENTION_IMMUTABLE, 99, CR_STATUS_LOCK_LOWERED, kLocked,
+                5100, -4000, 100},
+               {5001, RETENTION_LOCK, 99, 0, kLocked, 5100, -4001, 99},
+               {5001, RETENTION_IMMUTABLE, 0, 0, kBoth, 5100, -4001, 99},
+               {1, RETENTION_LOCK | RETENTION_CLOUD, 10, 0, kBoth | SF_CLOUDLSU, 1010, 0, 0}};
   store(77);
   for (const auto& c : cases) {
     fake_clock = c.clock;
@@ -150,8 +150,7 @@ TEST_F(Retention, EndsNoLockEarlyAndShortensNoneInAnyScheduleOfTheClock) {
   }
 }
 
-// Each case is its own process: the mount point is found out once. A stale reason, and what a
-// caller left in the result, decide nothing.
+// Each case is its own process: the mount point is found out once.
 TEST_F(Retention, NeedsTheClockOfTheMountPointForLocksAndTheirReports) {
   const char* const standard = "/opt/halyard/arbor-manage/worm";
   const struct {
@@ -174,7 +173,6 @@ TEST_F(Retention, NeedsTheClockOfTheMountPointForLocksAndTheirReports) {
       std::filesystem::create_directories(c.made);
       std::ofstream("/etc/tarn/worm") << c.mount_file;
       timeval now{1, 1};
-      errno = EOPNOTSUPP;
       EXPECT_EQ(get_compclk(&now), c.status);
       EXPECT_EQ(now.tv_sec, c.status == CR_STATUS_OK ? 4711 : 1);
       EXPECT_EQ(set(RETENTION_LOCK, 99999), c.status);

@@ -64,6 +64,3 @@ inline refhost::RecordFields dir_fields(const std::string& leaf,
   fields.mode = 040755;
   return fields;
 }
-inline std::string dir_text(const std::string& leaf, const std::string& directory = "/") {
-  return text_of(dir_fields(leaf, directory));
-}
