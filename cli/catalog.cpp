@@ -92,7 +92,8 @@ std::optional<unsigned int> parse_dsid(const std::string& name) {
 
 bool is_reserved_name(const std::string& name) {
   return name == DirPO::recordfilename() || name == "__dsinfo__" || name == "__dsinfo__.lock" ||
-         is_database_file(name, SQLitePODB::dbfilename()) || is_database_file(name, SQLiteULDB::dbfilename());
+         is_database_file(name, SQLitePODB::dbfilename()) ||
+         is_database_file(name, SQLiteULDB::dbfilename());
 }
 
 bool database_path_fits(const std::string& directory) {
