@@ -1,0 +1,160 @@
+#include <signal.h>
+#include <sys/prctl.h>
+
+#include <functional>
+
+#include "cli/patrol_log.h"
+#include "tests/cli/keep_fixture.h"
+#include "tests/support/private_mounts.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
+
+// Patrols are processes of their own: it takes real time until they have done something.
+bool comes_true(const std::function<bool()>& condition) {
+  const auto deadline = Clock::now() + std::chrono::seconds(60);
+  while (!condition() && Clock::now() < deadline) usleep(2000);
+  return condition();
+}
+
+class PatrolTest : public KeepTest {
+ protected:
+  PatrolTest() {
+    fs::create_directory(logs_);
+    refhost::RecordFields locked = file_fields("");
+    locked.special_flags = SF_RETENTION_LOCK;
+    locked.atime = ~std::uint64_t{0};
+    locked.ctime = 1234;
+    for (int i = 0; i < 20; ++i) add_file("file" + std::to_string(i), locked);
+  }
+
+  // Runs `body` where no other daemons are, and where this process is told when its own end.
+  static void among_daemons(const std::function<void()>& body) {
+    in_private_mounts({"/var/run"}, [&] {
+      prctl(PR_SET_CHILD_SUBREAPER, 1);
+      body();
+    });
+  }
+
+  // What the process that was called prints and returns.
+  Outcome start() const {
+    std::fflush(nullptr);
+    const pid_t starter = fork();
+    if (starter == 0) {
+      const Outcome outcome =
+          command("patrol " + root_ + " --every 6h --log-dir " + logs_ + " --metrics " + metrics_);
+      write(side_.path("printed"), outcome.err);
+      _exit(outcome.status);
+    }
+    int status = -1;
+    waitpid(starter, &status, 0);
+    return {WEXITSTATUS(status), "", read(side_.path("printed"))};
+  }
+  // Starts a patrol and waits for its first round; its pid.
+  pid_t started() const {
+    fs::remove(metrics_);
+    EXPECT_EQ(start().status, cli::kDone);
+    EXPECT_TRUE(comes_true([&] { return metric("rounds_total") == 1; })) << log();
+    return std::stoi(read("/var/run/" + cli::patrol_name(root_) + ".pid"));
+  }
+  // Its exit status, -1 when the signal killed it; within a second.
+  static int end(pid_t pid, int signal) {
+    const auto told = Clock::now();
+    kill(pid, signal);
+    int status = -1;
+    for (pid_t ended = 0; ended != pid && ended != -1;) ended = waitpid(-1, &status, 0);
+    EXPECT_LT(Clock::now() - told, std::chrono::seconds(1));
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+
+  // -1 while there is none.
+  double metric(const std::string& name) const {
+    const std::string text = read(metrics_);
+    const std::string head = "\npocatalog_patrol_" + name + "{root=\"" + root_ + "\"} ";
+    const std::size_t found = text.find(head);
+    return found == std::string::npos ? -1 : std::stod(text.substr(found + head.size()));
+  }
+  std::string log() const {
+    std::string text;
+    for (const auto& file : fs::directory_iterator(logs_)) text += read(file.path().string());
+    return text;
+  }
+  static bool has_open(pid_t pid, const std::string& file) {
+    std::error_code gone;
+    for (const auto& fd : fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd", gone)) {
+      if (fs::read_symlink(fd.path(), gone) == file) return true;
+    }
+    return false;
+  }
+
+  const TempDir side_;
+  const std::string logs_ = side_.path("logs");
+  const std::string metrics_ = side_.path("patrol.prom");
+};
+
+TEST_F(PatrolTest, WatchesWhileAnIngestRunsAndFindsWhatChangedByTheNextRound) {
+  among_daemons([this] {
+    const pid_t pid = started();
+    EXPECT_EQ(metric("rows"), 20);
+    EXPECT_EQ(metric("locks_in_force"), 20);
+    EXPECT_EQ(metric("oldest_entry_timestamp_seconds"), 1234);
+    for (int round = 0; round < 5; ++round) {
+      const std::string source = side_.path("source/" + std::to_string(round));
+      fs::create_directories(source);
+      for (int i = 0; i < 200; ++i) write(source + "/" + std::to_string(i), "x");
+      kill(pid, SIGHUP);
+      const Outcome ingest = command(ingest_of(side_.path("source")));
+      EXPECT_EQ(ingest.status, cli::kDone) << ingest.err;
+    }
+    kill(pid, SIGHUP);
+    EXPECT_TRUE(comes_true([&] { return metric("rows") >= 1020; })) << log();
+    EXPECT_EQ(metric("damaged_rows") + metric("not_examined"), 0) << log();
+    sql("UPDATE po SET content = replace(content, '1234', '1235') WHERE basename = 'file7'");
+    kill(pid, SIGHUP);
+    EXPECT_TRUE(comes_true([&] { return metric("damaged_rows") == 1; })) << log();
+    EXPECT_NE(log().find("row file7 (rowid"), std::string::npos) << log();
+    EXPECT_EQ(end(pid, SIGTERM), cli::kDone);
+  });
+}
+
+TEST_F(PatrolTest, IsOneForEachCatalogAndLeavesItsLockHoweverItEnds) {
+  among_daemons([this] {
+    const std::string own = logs_ + "/" + cli::patrol_name(root_) + "-2001-01-01.log";
+    const std::string foreign = logs_ + "/precious.log";
+    for (const std::string& file : {own, foreign}) {
+      write(file, "x");
+      age(file);
+    }
+    const std::string how = " --every 1h --log-dir ";
+    EXPECT_EQ(command("patrol " + root_ + "/none" + how + logs_).status, cli::kFailed);
+    EXPECT_EQ(command("patrol " + root_ + how + logs_ + "/none").status, cli::kFailed);
+    EXPECT_EQ(command("patrol " + root_ + how + full(image_)).status, cli::kUsage);
+    for (const int signal : {SIGKILL, SIGTERM, SIGINT}) {
+      const pid_t pid = started();
+      const Outcome second = start();
+      EXPECT_EQ(second.status, cli::kFailed);
+      EXPECT_NE(second.err.find("PID = " + std::to_string(pid)), std::string::npos) << second.err;
+      EXPECT_TRUE(comes_true([&] { return !fs::exists(own); }));
+      EXPECT_EQ(end(pid, signal), signal == SIGKILL ? -1 : cli::kDone);
+    }
+    EXPECT_TRUE(fs::exists(foreign));
+  });
+}
+
+TEST_F(PatrolTest, EndsAtOnceEvenWhereACheckWaitsForALock) {
+  among_daemons([this] {
+    const pid_t pid = started();
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open(database(image_).c_str(), &db), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(db, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr), SQLITE_OK);
+    kill(pid, SIGHUP);
+    EXPECT_TRUE(comes_true([&] { return has_open(pid, database(image_)); })) << log();
+    EXPECT_EQ(end(pid, SIGTERM), cli::kDone);
+    EXPECT_NE(log().find("ended in the middle of a check"), std::string::npos) << log();
+    sqlite3_close(db);
+  });
+}
+
+}  // namespace
