@@ -33,7 +33,6 @@ bool FileReader::read(int directory, const std::string& name, bool with_content,
     *why = reason("cannot be opened");
     return false;
   }
-  posix_fadvise(opened.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
   for (int reading = 0; reading < kReadings; ++reading) {
     const Attempt attempt = hash(opened, file, why);
     if (attempt != Attempt::changed) return attempt == Attempt::done;

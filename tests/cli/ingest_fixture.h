@@ -21,6 +21,10 @@
 // record_hook.cpp. True makes the text too long for a row.
 extern std::function<bool(const _po_t*)> on_record_printed;
 
+// Called with every text that SQLite is given to execute; see sql_hook.cpp. An SQLite code other
+// than 0 takes the place of its execution.
+extern std::function<int(const std::string&)> on_sql;
+
 class IngestTest : public testing::Test {
  protected:
   using Counters = std::vector<std::uint64_t>;
@@ -32,7 +36,10 @@ class IngestTest : public testing::Test {
   std::string err_;  // of the last run
 
   IngestTest() { std::filesystem::create_directory(source_); }
-  void TearDown() override { on_record_printed = nullptr; }
+  void TearDown() override {
+    on_record_printed = nullptr;
+    on_sql = nullptr;
+  }
 
   static void put_file(const std::string& path, const std::string& content) {
     std::filesystem::create_directories(std::filesystem::path(path).parent_path());

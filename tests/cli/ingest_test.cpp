@@ -1,31 +1,14 @@
 #include <fmt/format.h>
-#include <openssl/sha.h>
 #include <sys/stat.h>
 
-#include <array>
 #include <set>
 
+#include "tests/cli/digests.h"
 #include "tests/cli/ingest_fixture.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-
-std::string sha256_hex(const std::string& content) {
-  std::array<unsigned char, SHA256_DIGEST_LENGTH> digest{};
-  SHA256(reinterpret_cast<const unsigned char*>(content.data()), content.size(), digest.data());
-  return fmt::format("{:02x}", fmt::join(digest, ""));
-}
-
-std::string plain_adler32(const std::string& bytes) {
-  std::uint32_t a = 1;
-  std::uint32_t b = 0;
-  for (const char byte : bytes) {
-    a = (a + static_cast<unsigned char>(byte)) % 65521;
-    b = (b + a) % 65521;
-  }
-  return std::to_string(b << 16 | a);
-}
 
 // The 29 fields of a record without location, for what lies at `path`.
 std::string record_text(int type, const std::string& poid, const std::string& path) {
@@ -67,7 +50,8 @@ TEST_F(IngestTest, AnIndependentReaderFindsEveryFileAsItIs) {
     ASSERT_EQ(found.size(), 1U) << name;
     const std::string poid = content.empty() ? "" : sha256_hex(content);
     EXPECT_EQ(found[0][0], poid);
-    EXPECT_EQ(found[0][2], plain_adler32(path.filename().string() + poid + found[0][1]));
+    const std::string row = path.filename().string() + poid + found[0][1];
+    EXPECT_EQ(found[0][2], std::to_string(plain_adler32(row)));
     EXPECT_EQ(found[0][1], record_text(PO_TYPE_FILE, poid, (fs::path(source_) / path).string()));
   }
   EXPECT_EQ(read(root_ + "/5/client/__dirpo__"), kDefaultDirText);

@@ -1,11 +1,11 @@
 // What goes wrong in the middle: nothing is lost, and it is told.
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <thread>
 
 #include "cli/dir_lock.h"
+#include "tests/cli/child_process.h"
 #include "tests/cli/ingest_fixture.h"
 
 namespace {
@@ -35,19 +35,6 @@ class AsNobody {
 };
 
 bool has_size(const _po_t* record, std::uint64_t size) { return POGetSize(record) == size; }
-
-// Runs `act` in a child process, which ends with its result, or dies of what it throws.
-pid_t start_child(const std::function<int()>& act) {
-  const pid_t child = fork();
-  if (child == 0) [&act]() noexcept { _exit(act()); }();
-  return child;
-}
-
-int end_of(pid_t child) {
-  int status = 0;
-  EXPECT_EQ(waitpid(child, &status, 0), child);
-  return status;
-}
 
 TEST_F(IngestTest, WhatCannotBeReadIsReportedAndItsEntriesStay) {
   write("closed", "x");
@@ -169,23 +156,6 @@ TEST_F(IngestTest, CountersAreMendedAfterAKilledRun) {
   fs::remove(root_ + "/5/__dsinfo__");
   EXPECT_EQ(ingest(cli::kDone), (Counters{0, 0, 5, 0, 0}));
   EXPECT_EQ(counters(), (Counters{37, 4, 5, 0}));
-}
-
-TEST_F(IngestTest, ProcessesThatIngestTheSameTreeAddEveryFileOnce) {
-  for (int file = 0; file < 200; ++file) {
-    write(std::to_string(file % 8) + "/" + std::to_string(file), "x");
-  }
-  const auto process = [this] {
-    const Outcome outcome = run();
-    const nlohmann::json summary = outcome.json().at(0);
-    const bool complete = summary["added"].get<int>() + summary["unchanged"].get<int>() == 200;
-    return complete ? outcome.status : 99;
-  };
-  std::vector<pid_t> children(4);
-  for (pid_t& child : children) child = start_child(process);
-  for (const pid_t child : children) EXPECT_EQ(end_of(child), 0);
-  EXPECT_EQ(counters(), (Counters{200, 10, 200, 0}));
-  EXPECT_EQ(ingest(cli::kDone), (Counters{0, 0, 200, 0, 0}));
 }
 
 TEST_F(IngestTest, ARunThatDiedBesideALivingOneIsNotForgotten) {
