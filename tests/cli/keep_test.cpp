@@ -1,5 +1,4 @@
 #include "cli/format.h"
-#include "cli/patrol_metrics.h"
 #include "cli/period.h"
 #include "tests/cli/keep_fixture.h"
 
@@ -7,25 +6,13 @@ namespace {
 
 namespace fs = std::filesystem;
 
-TEST(Periods, AreReadAndWritten) {
+TEST(Periods, AreWholeNumbersOfAUnitWithinTheRange) {
   const std::vector<std::pair<std::string, std::int64_t>> periods = {
-      {"90s", 90},
-      {"15m", 900},
-      {"6h", 21600},
-      {"30d", 2592000},
-      {"15250284452471w", 9223372036854460800}};
+      {"90s", 90}, {"15m", 900}, {"6h", 21600}, {"15250284452471w", 9223372036854460800}};
   for (const auto& [text, seconds] : periods) EXPECT_EQ(cli::parse_period(text), seconds) << text;
-  for (const char* text : {"", "s", "0s", "-1s", "+1s", " 1s", "1", "1y", "1.5h", "1ss",
-                           "15250284452472w", "9223372036854775808s"}) {
+  for (const char* text : {"", "s", "0s", "-1s", "1", "1y", "1ss", "15250284452472w"}) {
     EXPECT_FALSE(cli::parse_period(text)) << text;
   }
-  EXPECT_EQ(cli::duration(0) + ", " + cli::duration(3600) + ", " + cli::duration(7775999),
-            "0s, 1h 0m, 89d 23h");
-}
-
-TEST(Metrics, NameEveryRootInOneLine) {
-  const std::string text = cli::metrics_text("/a\"b\n\\", 7, {});
-  EXPECT_NE(text.find("total{root=\"/a\\\"b\\\\x0a\\\\x5c\"} 7\n"), std::string::npos) << text;
 }
 
 TEST_F(KeepTest, ALockIsSetAndShownWithWhatRemainsOfIt) {
@@ -33,18 +20,15 @@ TEST_F(KeepTest, ALockIsSetAndShownWithWhatRemainsOfIt) {
   const auto show = [&] { return command("--json retention show " + entry_).json().at(0); };
   EXPECT_FALSE(show().contains("lock"));
   const auto due = static_cast<std::uint64_t>(time(nullptr)) + 7776000;
-  const Outcome set = command("--json retention set " + entry_ + "--for 90d --immutable");
+  EXPECT_EQ(command("retention set " + entry_ + "--for 90d --immutable").status, cli::kDone);
   const nlohmann::json shown = show();
   const std::uint64_t lock = shown.value("lock_seconds", std::uint64_t{0});
   EXPECT_TRUE(lock >= due && lock < due + 60) << shown;
-  EXPECT_EQ(set.json().at(0)["lock"], cli::utc_time(lock));
   EXPECT_TRUE(shown["in_force"] && shown["immutable"] && !shown["cloud"]) << shown;
   const Outcome shorter = command("retention set " + entry_ + "--for 89d");
   EXPECT_EQ(shorter.status, cli::kLockInForce);
   EXPECT_NE(shorter.err.find("ends at " + cli::utc_time(lock)), std::string::npos) << shorter.err;
   EXPECT_EQ(command("retention set " + entry_ + "--for 9223372036854775807s").status, cli::kFailed);
-  EXPECT_EQ(command("retention set " + root_ + " 5/client/none --for 1d").status, cli::kFailed);
-  EXPECT_FALSE(fs::exists(full("5/client/po.db"))) << "made by asking for an entry in it";
 }
 
 TEST_F(KeepTest, AJournalIsAppliedAndWhatWentWrongIsTold) {
@@ -66,9 +50,7 @@ TEST_F(KeepTest, AJournalIsAppliedAndWhatWentWrongIsTold) {
       {a + "BEGIN;\n" + b + "END;\n", "--line-by-line", 1, "left a transaction open", "a"},
       {a + "INSERT INTO none VALUES (1);\n" + b, "", 1, "stopped", "a"},
       {std::string("SELECT 1;\0DROP TABLE po;", 24), "", 1, "NUL", ""},
-      {a, "--dry-run", 0, "would take 1", ""},
       {a + "NO SQL;\n", "--dry-run", 3, "in part", ""},
-      {"no statement", "--line-by-line", 3, "no SQL", ""},
   };
   for (const auto& c : cases) {
     write(database(image_), sound);
@@ -76,13 +58,9 @@ TEST_F(KeepTest, AJournalIsAppliedAndWhatWentWrongIsTold) {
     const Outcome outcome = command(apply + c.how);
     EXPECT_EQ(outcome.status, c.status) << c.journal;
     EXPECT_NE((outcome.out + outcome.err).find(c.message), std::string::npos) << outcome.err;
-    const std::string added =
-        "SELECT ifnull(group_concat(name), '') FROM registry WHERE name < 'd'";
-    EXPECT_EQ(sql(added), c.properties) << c.journal;
+    EXPECT_EQ(sql("SELECT ifnull(group_concat(name), '') FROM registry WHERE name < 'd'"),
+              c.properties);
   }
-  write(database(image_), std::string(5000, 'x'));
-  write(root_ + "/journal", "SELECT * FROM po;");
-  EXPECT_EQ(command(apply + "--force-locked").status, cli::kFailed);
   fs::remove(database(image_));
   EXPECT_EQ(command(apply).status, cli::kFailed);
   EXPECT_FALSE(fs::exists(database(image_)));
@@ -99,8 +77,6 @@ TEST_F(KeepTest, LogsAreCleanedAndNothingOfACatalogIs) {
       {"--days 0 --empty-days 5", 0, "o.bn"},
       {"--days 5 --key below --recursive", 0, "oe.n"},
       {"--days 5 --key ''", 2, "oebn"},
-      {"--days 5 --key x --empty-days 5", 2, "oebn"},
-      {"--days 0 --key x", 2, "oebn"},
       {"--days 0", 2, "oebn"},
   };
   const std::string logs = root_ + "/logs/";

@@ -9,6 +9,8 @@ namespace {
 
 class RemoveTest : public CatalogTest {
  protected:
+  using Counters = std::vector<std::uint64_t>;
+
   RemoveTest() {
     add_file("kept", file_fields("", make_poid(1), 100));
     add_file("gone", file_fields("", make_poid(2), 23));
@@ -16,7 +18,7 @@ class RemoveTest : public CatalogTest {
 
   Outcome remove(const std::string& path) const { return run_command({"rm", "--", root_, path}); }
 
-  std::vector<std::uint64_t> counters() const {
+  Counters counters() const {
     cli::DsInfo info;
     if (cli::read_dsinfo(root_, 5, &info) != CR_STATUS_OK) return {};
     return {info.counters.total_size, info.counters.dir_count, info.counters.file_count,
@@ -24,27 +26,20 @@ class RemoveTest : public CatalogTest {
   }
 };
 
-using Counters = std::vector<std::uint64_t>;
-
-TEST_F(RemoveTest, AFileGoesAndTheCountersFollow) {
-  const Outcome outcome = remove(image_ + "/gone");
-  EXPECT_EQ(outcome.status, cli::kDone) << outcome.err;
-  EXPECT_EQ(outcome.out, "removed " + image_ + "/gone\n");
-  EXPECT_EQ(sql("SELECT group_concat(basename) FROM po"), "kept");
-  EXPECT_EQ(counters(), (Counters{100, 1, 1, 0}));
-}
-
-TEST_F(RemoveTest, AnEmptyDirectoryGoesAndIsCountedOnlyIfItHadARecord) {
+TEST_F(RemoveTest, FilesAndEmptyDirectoriesGoAndTheCountersFollow) {
   const std::string empty = image_ + "/empty";
-  const std::string bare = image_ + "/bare";
+  const std::string bare = image_ + "/bare";  // not counted: it has no record
   add_directory(empty);
   std::ofstream(full(empty) + "/po.db").flush();  // the leftover of a crash
   std::filesystem::create_directory(full(bare));
-  EXPECT_EQ(remove(bare).status, cli::kDone);
-  EXPECT_EQ(counters(), (Counters{123, 2, 2, 0}));
-  EXPECT_EQ(remove(empty).status, cli::kDone);
-  EXPECT_EQ(counters(), (Counters{123, 1, 2, 0}));
-  EXPECT_FALSE(std::filesystem::exists(full(empty)) || std::filesystem::exists(full(bare)));
+  const std::vector<std::pair<std::string, Counters>> steps = {
+      {bare, {123, 2, 2, 0}}, {empty, {123, 1, 2, 0}}, {image_ + "/gone", {100, 1, 1, 0}}};
+  for (const auto& [path, left] : steps) {
+    EXPECT_EQ(remove(path).status, cli::kDone);
+    EXPECT_EQ(counters(), left);
+    EXPECT_FALSE(std::filesystem::exists(full(path)));
+  }
+  EXPECT_EQ(sql("SELECT group_concat(basename) FROM po"), "kept");
 }
 
 TEST_F(RemoveTest, WhatMustStayIsRefusedWithAReasonAndNothingChanges) {
@@ -56,20 +51,14 @@ TEST_F(RemoveTest, WhatMustStayIsRefusedWithAReasonAndNothingChanges) {
   const std::string below = image_ + "/";
   add_directory(below + "immutable-dir", SF_IMMUTABLE);
   add_directory(below + "parent/child");
-  add_directory(below + "parent");
   add_directory(below + "foreign");
   std::ofstream(full(below + "foreign/file")) << "x";
   add_directory(below + "corrupt");
   std::ofstream(full(below + "corrupt/po.db")) << std::string(5000, 'x');
   add_directory(below + "broken");
   std::ofstream(full(below + "broken/__dirpo__")) << "x";
-  struct Case {
-    std::string path;
-    std::string reason;
-  };
-  const std::vector<Case> cases = {
+  const std::vector<std::pair<std::string, std::string>> cases = {
       {below + "none", "no such entry"},
-      {below + "gone/", "no such entry"},
       {below + "immutable", "immutable"},
       {below + "damaged", "damaged"},
       {below + "immutable-dir", "immutable"},
@@ -82,17 +71,14 @@ TEST_F(RemoveTest, WhatMustStayIsRefusedWithAReasonAndNothingChanges) {
       {"5", "data store"},
   };
   const std::string rows = sql("SELECT group_concat(basename || crc) FROM po");
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.path);
-    const Outcome outcome = remove(c.path);
-    EXPECT_EQ(outcome.status, c.path.find("..") == std::string::npos ? cli::kFailed : cli::kUsage);
-    EXPECT_NE(outcome.err.find(c.reason), std::string::npos) << outcome.err;
-    EXPECT_EQ(outcome.out, "");
+  for (const auto& [path, reason] : cases) {
+    const Outcome outcome = remove(path);
+    EXPECT_EQ(outcome.status, reason == "not a path" ? cli::kUsage : cli::kFailed) << path;
+    EXPECT_NE(outcome.err.find(reason), std::string::npos) << outcome.err;
   }
   EXPECT_EQ(sql("SELECT group_concat(basename || crc) FROM po"), rows);
   EXPECT_EQ(counters(), Counters{});
-  std::filesystem::remove_all(full(below + "parent"));
-  for (const char* name : {"immutable-dir", "foreign", "corrupt", "broken"}) {
+  for (const char* name : {"parent", "immutable-dir", "foreign", "corrupt", "broken"}) {
     std::filesystem::remove_all(full(below + name));
   }
   EXPECT_NE(remove(image_).err.find("files in it"), std::string::npos);
@@ -100,9 +86,8 @@ TEST_F(RemoveTest, WhatMustStayIsRefusedWithAReasonAndNothingChanges) {
 
 // Every name that Linux allows, byte for byte.
 TEST_F(RemoveTest, HostileNamesAreListedShownAndRemovedLikeAnyOther) {
-  std::vector<std::string> names = {"it's.txt", "x' OR '1'='1", "a|b%7C",     " blank ", "--json",
-                                    "...",      "[a,b]",        "\"quoted\"", "po.db",   "'",
-                                    "\xe2\x82", "x\ny",         "%s%n",       "*?"};
+  std::vector<std::string> names = {"x' OR '1'='1", "a|b%7C", "--json",   "...",
+                                    "po.db",        "'",      "\xe2\x82", "%s%n"};
   names.emplace_back(255, 'n');
   for (int byte = 1; byte < 256; ++byte) {
     if (byte != '/' && byte != '.' && byte != '\'') names.emplace_back(1, static_cast<char>(byte));
@@ -119,11 +104,8 @@ TEST_F(RemoveTest, HostileNamesAreListedShownAndRemovedLikeAnyOther) {
     EXPECT_TRUE(line.contains("path_hex") || line.value("path", "") == path);
     for (const Outcome& outcome : {run_command({"ls", "--", root_, path}), remove(path)}) {
       EXPECT_EQ(outcome.status, cli::kDone) << outcome.err;
-      const auto control = [](char c) {
-        return static_cast<unsigned char>(c) < ' ' || c == '\x7f';
-      };
-      const std::string line_end = outcome.out.substr(0, outcome.out.size() - 1);
-      EXPECT_EQ(std::count_if(line_end.begin(), line_end.end(), control), 0) << outcome.out;
+      const auto control = [](unsigned char c) { return c < ' ' || c == '\x7f'; };
+      EXPECT_EQ(std::count_if(outcome.out.begin(), outcome.out.end() - 1, control), 0);
     }
   }
   EXPECT_EQ(sql("SELECT group_concat(basename) FROM po"), "gone,kept");

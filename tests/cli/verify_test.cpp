@@ -37,47 +37,37 @@ class VerifyTest : public CatalogTest {
   }
 };
 
-TEST_F(VerifyTest, ASoundCatalogIsCountedAndNothingIsFoundOrChanged) {
-  const std::string before = read(database(image_));
-  const Outcome outcome = run_command({"verify", root_});
-  EXPECT_EQ(outcome.status, cli::kDone) << outcome.out;
-  EXPECT_EQ(outcome.out, "1 databases, 3 rows: 0 damaged rows, 0 other findings, 0 not examined\n");
-  EXPECT_EQ(read(database(image_)), before);
-}
-
 TEST_F(VerifyTest, EveryKindOfDamageToARowIsNamed) {
   struct Case {
     std::string change;
     std::string reason;
     std::string name = "beta";
   };
-  const std::string where = " WHERE basename = 'beta'";
   const std::vector<Case> cases = {
-      {"UPDATE po SET poid = NULL" + where, "poid is NULL"},
-      {"UPDATE po SET content = NULL" + where, "content is NULL"},
-      {"UPDATE po SET crc = NULL" + where, "crc is NULL"},
-      {"UPDATE po SET basename = NULL" + where, "basename is NULL", ""},
-      {"UPDATE po SET basename = CAST('beta' AS BLOB)" + where, "basename is a blob"},
-      {"UPDATE po SET poid = CAST(poid AS BLOB)" + where, "poid is a blob"},
-      {"UPDATE po SET content = CAST(content AS BLOB)" + where, "content is a blob"},
-      {"UPDATE po SET crc = crc || 'x'" + where, "crc is text"},
-      {"UPDATE po SET crc = crc + 0.5" + where, "crc is a real number"},
-      {"UPDATE po SET crc = crc + 4294967296" + where, "the checksum is"},
-      {"UPDATE po SET crc = -1" + where, "the checksum is"},
-      {"UPDATE po SET poid = poid || char(0) || 'x'" + where, "poid holds a NUL"},
-      {"UPDATE po SET content = content || char(0)" + where, "content holds a NUL"},
-      {"UPDATE po SET content = ''" + where, "does not parse"},
-      {"UPDATE po SET basename = ''" + where, "basename is empty", ""},
-      {"UPDATE po SET basename = 'a/b'" + where, "basename holds a '/'", "a/b"},
-      {"UPDATE po SET basename = '..'" + where, "no name of a file", ".."},
-      {"UPDATE po SET rowid = 9223372036854775807, poid = ''" + where, "the checksum is"},
-      {"UPDATE po SET rowid = -9223372036854775807, poid = ''" + where, "the checksum is"},
+      {"poid = NULL", "poid is NULL"},
+      {"content = NULL", "content is NULL"},
+      {"crc = NULL", "crc is NULL"},
+      {"basename = NULL", "basename is NULL", ""},
+      {"basename = CAST('beta' AS BLOB)", "basename is a blob"},
+      {"poid = CAST(poid AS BLOB)", "poid is a blob"},
+      {"content = CAST(content AS BLOB)", "content is a blob"},
+      {"crc = crc || 'x'", "crc is text"},
+      {"crc = crc + 0.5", "crc is a real number"},
+      {"crc = crc + 4294967296", "the checksum is"},
+      {"poid = poid || char(0) || 'x'", "poid holds a NUL"},
+      {"content = content || char(0)", "content holds a NUL"},
+      {"content = ''", "does not parse"},
+      {"basename = ''", "basename is empty", ""},
+      {"basename = 'a/b'", "basename holds a '/'", "a/b"},
+      {"basename = '..'", "no name of a file", ".."},
+      {"rowid = 9223372036854775807, poid = ''", "the checksum is"},
+      {"rowid = -9223372036854775807, poid = ''", "the checksum is"},
   };
   const std::string sound = read(database(image_));
   for (const Case& c : cases) {
     SCOPED_TRACE(c.change);
     write(database(image_), sound);
-    sql(c.change);
+    sql("UPDATE po SET " + c.change + " WHERE basename = 'beta'");
     expect_one_finding(verify(), "row", c.name, c.reason);
   }
 }
@@ -112,27 +102,6 @@ TEST_F(VerifyTest, ARecordThatItsChecksumCoversIsStillExamined) {
   }
 }
 
-TEST_F(VerifyTest, EveryChangedByteOfARowIsFound) {
-  const std::string sound = read(database(image_));
-  for (const std::string column : {"basename", "poid", "content"}) {
-    const std::size_t length =
-        std::stoul(sql("SELECT length(" + column + ") FROM po WHERE basename = 'beta'"));
-    const std::string hex = sql("SELECT hex(" + column + ") FROM po WHERE basename = 'beta'");
-    for (std::size_t i = 0; i < length; ++i) {
-      std::string changed = hex;
-      changed[2 * i + 1] = changed[2 * i + 1] == '1' ? '3' : '1';
-      std::string change = "UPDATE po SET " + column;
-      change += " = CAST(x'" + changed + "' AS TEXT) WHERE basename = 'beta'";
-      sql(change);
-      const Outcome outcome = verify();
-      const auto lines = outcome.json();
-      ASSERT_EQ(outcome.status, cli::kInconsistent) << column << " " << i;
-      EXPECT_EQ(lines[0].value("rowid", 0), 2) << outcome.out;
-      write(database(image_), sound);
-    }
-  }
-}
-
 TEST_F(VerifyTest, EveryChangedByteOfTheFileThatHoldsARowIsFound) {
   const std::string sound = read(database(image_));
   const std::size_t poid = sound.find("beta" + make_poid(1));
@@ -149,47 +118,38 @@ TEST_F(VerifyTest, EveryChangedByteOfTheFileThatHoldsARowIsFound) {
 TEST_F(VerifyTest, DamageToTheDatabaseIsOneFindingAndTheOtherDatabasesAreStillChecked) {
   const std::string sound = read(database(image_));
   const std::string next = image_ + "/zz";
-  struct Case {
-    std::string name;
-    std::function<void()> damage;
-    std::string reason;
+  const auto replaced = [&](const std::string& content) {
+    return [=] { write(database(image_), content); };
   };
-  const std::vector<Case> cases = {
-      {"zero length", [&] { write(database(image_), ""); }, "is empty"},
-      {"foreign file", [&] { write(database(image_), std::string(5000, 'x')); }, "not a database"},
-      {"cut in the middle", [&] { write(database(image_), sound.substr(0, sound.size() / 2)); },
-       "malformed"},
-      {"cut header", [&] { write(database(image_), sound.substr(0, 50)); }, "malformed"},
-      {"a link", [&] { std::filesystem::create_symlink("/etc/passwd", database(image_)); },
+  const auto changed = [&](const char* statements) { return [=] { sql(statements); }; };
+  const std::vector<std::pair<std::function<void()>, std::string>> cases = {
+      {replaced(""), "is empty"},
+      {replaced(std::string(5000, 'x')), "not a database"},
+      {replaced(sound.substr(0, sound.size() / 2)), "malformed"},
+      {replaced(sound.substr(0, 50)), "malformed"},
+      {[&] {
+         std::filesystem::remove(database(image_));
+         std::filesystem::create_symlink("/etc/passwd", database(image_));
+       },
        "regular file"},
-      {"a directory", [&] { std::filesystem::create_directory(database(image_)); }, "regular file"},
-      {"no version", [&] { sql("DELETE FROM registry"); }, "db_version is missing"},
-      {"other version", [&] { sql("UPDATE registry SET value = '2'"); }, "db_version is 2"},
-      {"version of another type", [&] { sql("UPDATE registry SET value = x'31'"); }, "not a text"},
-      {"no index", [&] { sql("DROP INDEX po_poid"); }, "index po_poid is missing"},
-      {"other index", [&] { sql("DROP INDEX po_poid; CREATE INDEX po_poid ON po(crc)"); },
-       "defined differently"},
-      {"one table more", [&] { sql("CREATE TABLE more (x)"); }, "table more does not belong"},
-      {"a trigger", [&] { sql("CREATE TRIGGER t DELETE ON po BEGIN SELECT 1; END"); },
-       "trigger t does not belong"},
-      {"other table", [&] { sql("ALTER TABLE po ADD COLUMN more TEXT"); },
-       "table po is defined differently"},
-      {"no table", [&] { sql("DROP TABLE po"); }, "table po is missing"},
-      {"a view for the table",
-       [&] { sql("DROP TABLE po; CREATE VIEW po AS SELECT 1 AS basename"); }, "view po"},
+      {changed("DELETE FROM registry"), "db_version is missing"},
+      {changed("UPDATE registry SET value = '2'"), "db_version is 2"},
+      {changed("UPDATE registry SET value = x'31'"), "not a text"},
+      {changed("DROP INDEX po_poid"), "index po_poid is missing"},
+      {changed("DROP INDEX po_poid; CREATE INDEX po_poid ON po(crc)"), "defined differently"},
+      {changed("CREATE TRIGGER t DELETE ON po BEGIN SELECT 1; END"), "trigger t does not belong"},
+      {changed("DROP TABLE po"), "table po is missing"},
+      {changed("DROP TABLE po; CREATE VIEW po AS SELECT 1 AS basename"), "view po"},
   };
   add_directory(next);
   write(full(next) + "/po.db", "");  // the finding that must always be there, too
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    std::filesystem::remove_all(database(image_));
-    if (c.name.front() != 'a' || c.name == "a trigger" || c.name == "a view for the table") {
-      write(database(image_), sound);
-    }
-    c.damage();
+  for (const auto& [damage, reason] : cases) {
+    std::filesystem::remove(database(image_));
+    write(database(image_), sound);
+    damage();
     const Outcome outcome = verify();
     EXPECT_EQ(outcome.status, cli::kInconsistent);
-    EXPECT_NE(outcome.out.find(c.reason), std::string::npos) << outcome.out;
+    EXPECT_NE(outcome.out.find(reason), std::string::npos) << outcome.out;
     EXPECT_NE(outcome.out.find("policy/zz/po.db"), std::string::npos) << outcome.out;
   }
 }
@@ -199,51 +159,33 @@ TEST_F(VerifyTest, DirectoriesAreExaminedToo) {
   const std::string sound = read(record);
   struct Case {
     std::string file;  // what the finding names
-    std::function<void()> damage;
-    std::function<void()> repair;
+    std::string content;
     std::string reason;
   };
-  const auto rewrite = [&] {
-    std::filesystem::remove_all(record);
-    write(record, sound);
-  };
-  const auto leftover = [&](const std::string& file, const std::string& reason) {
-    return Case{file, [file] { write(file, "x"); }, [file] { std::filesystem::remove(file); },
-                reason};
-  };
   const std::vector<Case> cases = {
-      {record, [&] { std::filesystem::remove(record); }, rewrite, "is missing"},
-      {record, [&] { write(record, sound + "\n"); }, rewrite, "does not parse"},
-      {record, [&] { write(record, sound + std::string(1, '\0')); }, rewrite, "NUL"},
-      {record, [&] { write(record, ""); }, rewrite, "does not parse"},
-      {record, [&] { write(record, text_of(file_fields("", "", 0, ""))); }, rewrite, "type is 0"},
-      {record, [&] { write(record, text_of(dir_fields("x"))); }, rewrite, "location"},
-      {record, [&] { write(record, std::string(70000, '1')); }, rewrite, "too long"},
-      {record,
-       [&] {
-         std::filesystem::remove(record);
-         std::filesystem::create_symlink("/dev/zero", record);
-       },
-       rewrite, "regular file"},
-      leftover(full(image_) + "/.write-1-2.tmp", "nothing of the catalog's"),
-      leftover(full(image_) + "/ul.db-journal", "without its database"),
-      leftover(full(image_) + "/__dsinfo__", "not in a data store's directory"),
-      leftover(full("5") + "/__dsinfo__", "does not parse"),
-      leftover(full("notes.txt"), "no data store"),
-      leftover(full("05"), "no data store"),
+      {record, sound + "\n", "does not parse"},
+      {record, sound + std::string(1, '\0'), "NUL"},
+      {record, text_of(file_fields("", "", 0, "")), "type is 0"},
+      {record, text_of(dir_fields("x")), "location"},
+      {record, std::string(70000, '1'), "too long"},
+      {full(image_) + "/.write-1-2.tmp", "x", "nothing of the catalog's"},
+      {full(image_) + "/ul.db-journal", "x", "without its database"},
+      {full(image_) + "/__dsinfo__", "x", "not in a data store's directory"},
+      {full("5") + "/__dsinfo__", "x", "does not parse"},
+      {full("notes.txt"), "x", "no data store"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.file + ": " + c.reason);
-    c.damage();
+    write(c.file, c.content);
     expect_one_finding(verify(), "file", c.file, c.reason);
-    c.repair();
+    std::filesystem::remove(c.file);
+    if (c.file != record) continue;
+    expect_one_finding(verify(), "file", record, "is missing");
+    write(record, sound);
   }
-  EXPECT_EQ(verify().status, cli::kDone) << verify().out;
-}
-
-TEST_F(VerifyTest, LinksAreNotFollowed) {
-  std::filesystem::create_directory_symlink(full(image_), full(image_) + "/loop");
-  expect_one_finding(verify(), "file", full(image_) + "/loop", "nothing of the catalog's");
+  std::filesystem::remove(record);
+  std::filesystem::create_symlink("/dev/zero", record);
+  expect_one_finding(verify(), "file", record, "regular file");
 }
 
 TEST_F(VerifyTest, WhatACrashLeftHalfWrittenIsRolledBack) {
