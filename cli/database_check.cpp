@@ -15,7 +15,9 @@ bool is_about_access(int code) {
     case SQLITE_LOCKED:
     case SQLITE_NOMEM:
     case SQLITE_CANTOPEN:
+    case SQLITE_FULL:
     case SQLITE_PERM:
+    case SQLITE_READONLY:
     case SQLITE_AUTH:
       return true;
     default:
@@ -37,16 +39,16 @@ std::string joined(const std::vector<std::string>& faults) {
   return text;
 }
 
-bool DatabaseCheck::open(const Schema& schema, const std::string& table) {
+bool DatabaseCheck::open() {
   const int code = connection_.open(file_);
   if (code != SQLITE_OK) fail(code);
-  return code == SQLITE_OK && check_integrity() && check_schema(schema, table);
+  return code == SQLITE_OK && check_integrity();
 }
 
 void DatabaseCheck::fail(int code) {
   const std::string message = connection_.message();
   if (!is_about_access(code)) return add("cannot be read: " + message);
-  findings_->add_unexamined(file_, status_of_sqlite(code), "cannot be examined: " + message);
+  look_->add_unexamined(file_, status_of_sqlite(code), "cannot be examined: " + message);
 }
 
 bool DatabaseCheck::query(const std::string& sql,
@@ -96,35 +98,34 @@ bool DatabaseCheck::check_schema(Schema missing, const std::string& table) {
 bool DatabaseCheck::check_rows(
     const std::string& table, const std::string& columns,
     const std::function<std::string(const Statement&)>& name,
-    const std::function<std::vector<std::string>(const Statement&)>& faults) {
+    const std::function<std::vector<std::string>(const Statement&)>& faults, Findings* findings) {
   std::vector<DamagedRow> damaged;
   const auto check = [&](const Statement& row) {
-    findings_->count_row();
+    findings->count_row();
     const std::vector<std::string> found = faults(row);
     if (!found.empty()) damaged.push_back({row.integer(0), name(row), joined(found)});
   };
   const auto tell = [&] {
     for (const DamagedRow& row : damaged) {
-      findings_->add_row(file_, row.name, row.rowid, row.reason);
+      findings->add_row(file_, row.name, row.rowid, row.reason);
     }
     damaged.clear();
-    findings_->between_pages();
+    findings->between_pages();
   };
   const int code = walk_table(connection_, table, columns, check, tell);
   if (code != SQLITE_DONE) fail(code);
   return code == SQLITE_DONE;
 }
 
-FileState examine_file(const std::string& file, Findings* findings) {
+FileState examine_file(const std::string& file, Look* look) {
   struct stat found = {};
   if (lstat(file.c_str(), &found) != 0) return FileState::nothing;
-  findings->count_database();
   if (!S_ISREG(found.st_mode)) {
-    findings->add(file, "is not a regular file");
+    look->add(file, "is not a regular file");
     return FileState::unusable;
   }
   if (found.st_size != 0) return FileState::to_examine;
-  findings->add(file, "is empty: a crash left it; an ingest removes it");
+  look->add_empty(file);
   return FileState::nothing;
 }
 

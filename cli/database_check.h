@@ -4,10 +4,12 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "cli/findings.h"
 #include "cli/sqlite_reader.h"
+#include "cli/verify_look.h"
 
 namespace cli {
 
@@ -18,34 +20,37 @@ using Schema = std::map<std::string, std::string>;
 // "one; two".
 std::string joined(const std::vector<std::string>& faults);
 
-// Checks one database file and tells what it finds. No lock is held while it tells.
+// Checks one database file and keeps the connection.
 class DatabaseCheck {
  public:
-  // Both outlive the check.
-  DatabaseCheck(const std::string& file, Findings* findings) : file_(file), findings_(findings) {}
+  // The look, to which goes what is found, outlives the check.
+  DatabaseCheck(std::string file, Look* look) : file_(std::move(file)), look_(look) {}
 
-  // Opens the file and checks its integrity and schema. False when `table`, whose rows matter,
-  // cannot be read.
-  bool open(const Schema& schema, const std::string& table);
+  // Opens the file and checks its integrity. False when it cannot be read.
+  bool open();
 
-  // Runs the statement; `take` sees each row. False, and told, when it fails.
+  // False when `table`, whose rows matter, cannot be read.
+  bool check_schema(Schema missing, const std::string& table);
+
+  // Runs the statement; `take` sees each row. False, with a reason for the look, when it fails.
   bool query(const std::string& sql, const std::function<void(const Statement&)>& take);
 
   // Walks a table's rows by rowid, which comes before `columns`. `name` and `faults` say how a row
-  // is called and what is wrong with it. False, and told, when the table cannot be read to its end.
+  // is called and what is wrong with it; no lock is held while that is told. False, with a reason
+  // for the look, when the table cannot be read to its end.
   bool check_rows(const std::string& table, const std::string& columns,
                   const std::function<std::string(const Statement&)>& name,
-                  const std::function<std::vector<std::string>(const Statement&)>& faults);
+                  const std::function<std::vector<std::string>(const Statement&)>& faults,
+                  Findings* findings);
 
-  void add(const std::string& reason) { findings_->add(file_, reason); }
+  void add(const std::string& reason) { look_->add(file_, reason); }
 
  private:
   void fail(int code);
   bool check_integrity();
-  bool check_schema(Schema missing, const std::string& table);
 
-  const std::string& file_;
-  Findings* const findings_;
+  const std::string file_;
+  Look* const look_;
   Connection connection_;
 };
 
@@ -55,7 +60,7 @@ enum class FileState {
   unusable,    // not a file
 };
 
-// Counts the database, and tells of a file that is none.
-FileState examine_file(const std::string& file, Findings* findings);
+// Tells the look of a file that is no database.
+FileState examine_file(const std::string& file, Look* look);
 
 }  // namespace cli

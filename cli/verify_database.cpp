@@ -1,9 +1,9 @@
 #include "cli/verify_database.h"
 
 #include <string>
+#include <utility>
 #include <vector>
 
-#include "cli/database_check.h"
 #include "cli/list_faults.h"
 #include "cli/row_faults.h"
 #include "cli/stored_row.h"
@@ -61,26 +61,45 @@ std::vector<std::string> faults_of_list(const Statement& row) {
 
 std::string first_column(const Statement& row) { return row.bytes(1); }
 
-}  // namespace
-
-bool verify_entries(const CatalogPath& directory, Findings* findings) {
-  const std::string file = directory.child(SQLitePODB::dbfilename()).full();
-  const FileState state = examine_file(file, findings);
-  if (state != FileState::to_examine) return state == FileState::nothing;
-  DatabaseCheck check(file, findings);
-  if (!check.open(schema_of_entries(), "po")) return false;
-  check_version(&check);
-  return check.check_rows("po", kRowColumns, first_column,
-                          [findings](const Statement& row) { return entry_faults(row, findings); });
+OpenDatabase open_database(const std::string& file, const Schema& schema, const std::string& table,
+                           Look* look) {
+  if (is_there(file)) look->count_database();
+  FileState state = examine_file(file, look);
+  if (state != FileState::to_examine) return {state, nullptr};
+  auto check = std::make_unique<DatabaseCheck>(file, look);
+  if (!check->open()) return {FileState::unusable, nullptr};
+  // Opening rolls back what a crash left half written, which may be all of it.
+  state = examine_file(file, look);
+  if (state != FileState::to_examine) return {state, nullptr};
+  if (!check->check_schema(schema, table)) return {FileState::unusable, nullptr};
+  return {state, std::move(check)};
 }
 
-bool verify_lists(const CatalogPath& directory, Findings* findings) {
+}  // namespace
+
+OpenDatabase open_entries(const CatalogPath& directory, Look* look) {
+  const std::string file = directory.child(SQLitePODB::dbfilename()).full();
+  OpenDatabase database = open_database(file, schema_of_entries(), "po", look);
+  if (database.check) check_version(database.check.get());
+  return database;
+}
+
+OpenDatabase open_lists(const CatalogPath& directory, Look* look) {
   const std::string file = directory.child(SQLiteULDB::dbfilename()).full();
-  const FileState state = examine_file(file, findings);
-  if (state != FileState::to_examine) return state == FileState::nothing;
-  DatabaseCheck check(file, findings);
-  return check.open(schema_of_lists(), "utable") &&
-         check.check_rows("utable", "poid, udcids", first_column, faults_of_list);
+  return open_database(file, schema_of_lists(), "utable", look);
+}
+
+bool verify_entries(const OpenDatabase& database, Findings* findings) {
+  if (!database.check) return database.state == FileState::nothing;
+  return database.check->check_rows(
+      "po", kRowColumns, first_column,
+      [findings](const Statement& row) { return entry_faults(row, findings); }, findings);
+}
+
+bool verify_lists(const OpenDatabase& database, Findings* findings) {
+  if (!database.check) return database.state == FileState::nothing;
+  return database.check->check_rows("utable", "poid, udcids", first_column, faults_of_list,
+                                    findings);
 }
 
 }  // namespace cli
