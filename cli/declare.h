@@ -34,6 +34,12 @@ CLI::App* add_subcommand(CLI::App& app, Request& request, const std::string& nam
 }
 
 inline constexpr const char* kRootHelp = "The catalog's root directory";
+
+// Requires the catalog's root. Refuses an empty text, which an unset variable leaves and which
+// would mean the working directory, and the root of the file system.
+void add_root(CLI::App* command, std::string& root, const std::string& name = "ROOT",
+              const std::string& help = kRootHelp);
+
 inline constexpr const char* kPathHelp =
     "The entry's path below ROOT, for example 5/client/policy/etc/hosts. Of a file and a directory "
     "of one name it means the file; with a '/' at its end, the directory";

@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 
+#include "cli/catalog.h"
 #include "cli/check.h"
 #include "cli/command.h"
 #include "cli/dcids.h"
@@ -24,6 +25,11 @@
 namespace cli {
 namespace {
 
+std::string root_fault(std::string& root) {
+  if (root.empty()) return "is empty";
+  return absolute_root(root).empty() ? "is the root of the file system, which is no catalog" : "";
+}
+
 void declare_ingest(CLI::App& app, Request& request) {
   const auto options = std::make_shared<IngestOptions>();
   CLI::App* command = add_subcommand(
@@ -34,8 +40,7 @@ void declare_ingest(CLI::App& app, Request& request) {
       "some entries were not done: each is named.",
       ingest, options);
   command->add_option("SOURCE", options->source, "The directory to ingest")->required();
-  command->add_option("--root", options->root, "The catalog's root directory; made when missing")
-      ->required();
+  add_root(command, options->root, "--root", "The catalog's root directory; made when missing");
   command->add_option("--dsid", options->dsid, "The data store, a number from 1 on")
       ->required()
       ->check(CLI::Range(std::uint32_t{1}, std::numeric_limits<std::uint32_t>::max()));
@@ -62,7 +67,7 @@ void declare_ls(CLI::App& app, Request& request) {
       "name. Marks: i belongs to an immutable image, r has a retention lock. Damaged entries are "
       "named as such; the exit status is 4 then.",
       ls, options);
-  command->add_option("ROOT", options->root, kRootHelp)->required();
+  add_root(command, options->root);
   command->add_option("PATH", options->path,
                       "A directory or a file below ROOT, for example 5/client/policy/etc. Without "
                       "it the data stores are listed");
@@ -72,7 +77,7 @@ void declare_show(CLI::App& app, Request& request) {
   const auto options = std::make_shared<ShowOptions>();
   CLI::App* command = add_subcommand(
       app, request, "show", "Prints one entry with every field of its record.", show, options);
-  command->add_option("ROOT", options->root, kRootHelp)->required();
+  add_root(command, options->root);
   command->add_option("PATH", options->path, kPathHelp)->required();
 }
 
@@ -84,7 +89,7 @@ void declare_rm(CLI::App& app, Request& request) {
       "exit status 1 and the reason, entries of immutable images, damaged entries, and "
       "directories that hold anything.",
       rm, options);
-  command->add_option("ROOT", options->root, kRootHelp)->required();
+  add_root(command, options->root);
   command->add_option("PATH", options->path, kPathHelp)->required();
 }
 
@@ -96,7 +101,7 @@ void declare_verify(CLI::App& app, Request& request) {
       "that is wrong and a summary; repairs nothing. Exit status 4 when something is wrong, 3 when "
       "something could not be examined.",
       verify, options);
-  command->add_option("ROOT", options->root, kRootHelp)->required();
+  add_root(command, options->root);
 }
 
 void declare_find(CLI::App& app, Request& request) {
@@ -107,7 +112,7 @@ void declare_find(CLI::App& app, Request& request) {
       "Damaged entries whose names match are named on standard error; the exit status is 4 then, "
       "and 3 when a directory could not be read.",
       find, options);
-  command->add_option("ROOT", options->root, kRootHelp)->required();
+  add_root(command, options->root);
   command
       ->add_option("PATTERN", options->pattern,
                    "The name, without directories. '*' stands for any bytes; where names are "
@@ -130,7 +135,7 @@ void declare_stats(CLI::App& app, Request& request) {
       "different containers. Then names the directories with most bytes directly in them. Takes "
       "about 200 bytes of temporary space for each file; TMPDIR says where.",
       stats, options);
-  command->add_option("ROOT", options->root, kRootHelp)->required();
+  add_root(command, options->root);
   command->add_option("--dsid", options->dsid, "Only this data store");
 }
 
@@ -139,7 +144,7 @@ void declare_dcids(CLI::App& app, Request& request) {
   CLI::App* command = add_subcommand(
       app, request, "dcids",
       "Prints the data containers of one content, and the bytes of it in each.", dcids, options);
-  command->add_option("ROOT", options->root, kRootHelp)->required();
+  add_root(command, options->root);
   command
       ->add_option("CONTENT", options->content,
                    "A file's path below ROOT, or a POID; that one is looked for everywhere")
@@ -154,7 +159,7 @@ void declare_check(CLI::App& app, Request& request) {
       "containers, lists without a content, and counters that differ from what is stored. Exit "
       "status 4 when there are such, 3 when something could not be examined.",
       check, options);
-  command->add_option("ROOT", options->root, kRootHelp)->required();
+  add_root(command, options->root);
 }
 
 constexpr std::array kSubcommands = {
@@ -202,6 +207,10 @@ int run_action(const Request& request, std::ostream& out, std::ostream& err) {
   return kFailed;
 }
 
+void tell_usage(std::ostream& err, const std::string& text) {
+  err << "pocatalog: " << printable(text) << "\nRun with --help for more information.\n";
+}
+
 int parse_and_run(int argc, const char* const* argv, std::ostream& out, std::ostream& err) {
   CLI::App app;
   Request request;
@@ -210,14 +219,22 @@ int parse_and_run(int argc, const char* const* argv, std::ostream& out, std::ost
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    return app.exit(error, out, err) == 0 ? kDone : kUsage;
+    const bool asked_for_help = error.get_exit_code() == 0;
+    if (asked_for_help) return app.exit(error, out, err);
+    tell_usage(err, error.what());  // which quotes the arguments
+    return kUsage;
   }
   if (request.action) return run_action(request, out, err);
-  err << "A subcommand is required.\nRun with --help for more information.\n";
+  tell_usage(err, "A subcommand is required.");
   return kUsage;
 }
 
 }  // namespace
+
+void add_root(CLI::App* command, std::string& root, const std::string& name,
+              const std::string& help) {
+  command->add_option(name, root, help)->required()->check(CLI::Validator(root_fault, ""));
+}
 
 int run(int argc, const char* const* argv, std::ostream& out, std::ostream& err) {
   try {

@@ -39,7 +39,7 @@ void declare_retention_set(CLI::App& group, Request& request) {
       "Locks a file's entry for a period from the compliance clock's now, and shows it. A lock in "
       "force is never shortened: exit status 5, and the lock in force is named.",
       retention_set, options);
-  command->add_option("ROOT", options->root, kRootHelp)->required();
+  add_root(command, options->root);
   command->add_option("PATH", options->path, "The file's path below ROOT")->required();
   add_period(command, "--for", &options->seconds, "How long: 90s, 15m, 6h, 30d, 2w")->required();
   command->add_flag("--immutable", options->immutable,
@@ -54,7 +54,7 @@ void declare_retention_show(CLI::App& group, Request& request) {
   CLI::App* command = add_subcommand(group, request, "show",
                                      "Shows an entry's lock, what remains of it, and its flags.",
                                      retention_show, options);
-  command->add_option("ROOT", options->root, kRootHelp)->required();
+  add_root(command, options->root);
   command->add_option("PATH", options->path, kPathHelp)->required();
 }
 
@@ -116,7 +116,7 @@ void declare_patrol(CLI::App& app, Request& request) {
       "speed and logs what is wrong. SIGHUP starts a round, SIGTERM ends it. docs/patrol.md "
       "describes its files and metrics.",
       patrol, options);
-  command->add_option("ROOT", options->root, kRootHelp)->required();
+  add_root(command, options->root);
   add_period(command, "--every", &options->every, "From the start of a round to the next: 6h")
       ->required();
   command->add_option("--log-dir", options->log_dir, "Where its logs go; it exists")->required();
