@@ -73,6 +73,21 @@ cr_status_t read_entry(const CatalogPath& path, bool directory_only, std::unique
   return status;
 }
 
+bool is_damage(cr_status_t status) {
+  return status == CR_STATUS_NONE || status == CR_STATUS_BAD_RECORD;
+}
+
+int report_unread(const Console& console, const CatalogPath& path, cr_status_t status) {
+  if (is_damage(status)) {
+    report(console, path.full(), CR_STATUS_OK, kDamagedText);
+    return kInconsistent;
+  }
+  const bool absent = status == CR_STATUS_NOT_FOUND;
+  report(console, path.full(), status,
+         absent ? "no such entry in the catalog" : "the entry cannot be read");
+  return kFailed;
+}
+
 int report_bad_path(const Console& console, const std::string& path) {
   report(console, path, CR_STATUS_OK,
          "not a path in a catalog: those start with the number of a data store, and no part is '.' "

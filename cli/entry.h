@@ -23,6 +23,15 @@ cr_status_t read_directory(const CatalogPath& path, std::unique_ptr<DirPO>* entr
 // `directory_only`. `entry` is null exactly when the status is not 0.
 cr_status_t read_entry(const CatalogPath& path, bool directory_only, std::unique_ptr<PO>* entry);
 
+// What is said of a damaged entry.
+inline constexpr const char* kDamagedText = "damaged: see pocatalog verify";
+
+// Whether that status of a read tells of damage to the row or record itself.
+bool is_damage(cr_status_t status);
+
+// Says why the entry could not be read; the exit status of that.
+int report_unread(const Console& console, const CatalogPath& path, cr_status_t status);
+
 // Says that no place in a catalog has such a path; the exit status of that.
 int report_bad_path(const Console& console, const std::string& path);
 

@@ -122,11 +122,7 @@ class Listing {
 int list_file(const Console& console, const CatalogPath& path) {
   std::unique_ptr<FilePO> entry;
   const cr_status_t status = read_file(path, &entry);
-  if (status != CR_STATUS_OK) {
-    report(console, path.full(), status,
-           status == CR_STATUS_NOT_FOUND ? "no such entry in the catalog" : "cannot be read");
-    return kFailed;
-  }
+  if (status != CR_STATUS_OK) return report_unread(console, path, status);
   print_entry(console, path.leaf(), entry->record());
   return kDone;
 }

@@ -28,9 +28,10 @@ struct Refusal {
 
 Refusal entry_refusal(cr_status_t status, const PO* entry, const ComplianceClock& clock) {
   if (status == CR_STATUS_NOT_FOUND) return {status, "no such entry in the catalog"};
-  if (status != CR_STATUS_OK) {
-    return {status, "not removed: the entry is damaged, so nobody knows whether it is protected"};
+  if (is_damage(status)) {
+    return {CR_STATUS_OK, std::string("not removed, as it may be protected: ") + kDamagedText};
   }
+  if (status != CR_STATUS_OK) return {status, "not removed: the entry cannot be read"};
   const std::string protection = protection_text(entry->record(), clock);
   if (!protection.empty()) return {CR_STATUS_IMMUTABLE, "not removed: " + protection};
   return {};

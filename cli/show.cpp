@@ -98,15 +98,10 @@ int show(const Console& console, const ShowOptions& options) {
   if (!path || path->components.empty()) return report_bad_path(console, options.path);
   std::unique_ptr<PO> entry;
   const cr_status_t status = read_entry(*path, names_directory(options.path), &entry);
-  if (status == CR_STATUS_OK) {
-    const Shown shown = describe(*path, *entry);
-    console.json ? print_json(console, shown) : print_text(console, shown);
-    return kDone;
-  }
-  const bool absent = status == CR_STATUS_NOT_FOUND;
-  report(console, path->full(), status,
-         absent ? "no such entry in the catalog" : "the entry cannot be read");
-  return kFailed;
+  if (status != CR_STATUS_OK) return report_unread(console, *path, status);
+  const Shown shown = describe(*path, *entry);
+  console.json ? print_json(console, shown) : print_text(console, shown);
+  return kDone;
 }
 
 }  // namespace cli

@@ -71,11 +71,11 @@ TEST_F(ListTest, WhatIsNotThereOrMakesNoSenseFailsWithALine) {
   };
   const std::vector<Case> cases = {
       {{"ls", root_, image_ + "/none"}, cli::kFailed, "no such entry"},
-      {{"ls", root_, image_ + "/damaged"}, cli::kFailed, "cannot be read"},
+      {{"ls", root_, image_ + "/damaged"}, cli::kInconsistent, "damaged: see"},
       {{"ls", root_, "6/client"}, cli::kFailed, "no such"},
       {{"verify", root_ + "/none"}, cli::kFailed, "no such catalog"},
-      {{"show", root_, image_ + "/damaged"}, cli::kFailed, "(status -1"},
-      {{"show", root_, image_ + "/endless"}, cli::kFailed, "(status 103"},
+      {{"show", root_, image_ + "/damaged"}, cli::kInconsistent, "damaged: see"},
+      {{"show", root_, image_ + "/endless"}, cli::kInconsistent, "damaged: see"},
       {{"ls", root_, image_}, cli::kInconsistent, ""},
       {{"show", root_, "/"}, cli::kUsage, "not a path"},
       {{"ls", root_, "5/../5"}, cli::kUsage, "not a path"},
