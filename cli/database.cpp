@@ -17,7 +17,11 @@ cr_status_t examine_database(SQLitePODB& db, DatabaseState* state) {
   *state = DatabaseState::absent;
   if (status == CR_STATUS_NOT_FOUND) return CR_STATUS_OK;
   *state = DatabaseState::present;
-  if (status == CR_STATUS_OK && db.potable_exists()) return CR_STATUS_OK;
+  const cr_status_t read =
+      status == CR_STATUS_OK ? db.exec_sql("SELECT 1 FROM po LIMIT 1", nullptr) : status;
+  if (read == CR_STATUS_OK) return CR_STATUS_OK;
+  // Somebody is at work in it: what it is shows later, and an empty file may become theirs.
+  if (read == CR_STATUS_BUSY || read == CR_STATUS_IO_ERROR) return read;
   // Opening undoes the unfinished transaction of a crash. When that was the first one, it leaves
   // nothing.
   const cr_status_t closed = db.close_db(0);

@@ -1,5 +1,8 @@
 #include "cli/dir_list.h"
 
+#include "host/files.h"
+#include "refhost/leftovers.h"
+
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -112,6 +115,14 @@ void walk_directories(const CatalogPath& top, const std::function<void(const Cat
       visit(below);
       open_levels.emplace_back(below, DirPager(below.full()));
     }
+  }
+}
+
+void remove_unfinished_writes(const std::string& directory) {
+  DirPager entries(directory);
+  while (const DirEntry* entry = entries.next()) {
+    if (!refhost::is_unfinished_write(entry->name)) continue;
+    wa_deletefile((directory + "/" + entry->name).c_str());  // what stays is told by verify
   }
 }
 

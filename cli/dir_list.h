@@ -43,6 +43,10 @@ class DirPager {
   cr_status_t status_ = CR_STATUS_OK;
 };
 
+// Takes away what a crash left of whole-file writes. Under the directory's lock, where nobody else
+// writes: what is unfinished then stays so.
+void remove_unfinished_writes(const std::string& directory);
+
 // Visits a directory of the catalog and all directories below it, parents first, in byte order.
 // Symbolic links are never followed. `failed` gets the directories that cannot be read, and the
 // walk goes on. From the root of a catalog, all data stores are visited and nothing else there.

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "cli/catalog.h"
 #include "host/files.h"
@@ -10,12 +11,7 @@
 namespace cli {
 namespace {
 
-bool take(int directory) {
-  while (flock(directory, LOCK_EX) != 0) {
-    if (errno != EINTR) return false;
-  }
-  return true;
-}
+constexpr useconds_t kPause = 20000;  // microseconds between looks at `stop`
 
 // Whether the path still names what was locked: its owner may have deleted it while we waited.
 bool still_named(const std::string& path, int directory) {
@@ -26,13 +22,25 @@ bool still_named(const std::string& path, int directory) {
          locked.st_dev == named.st_dev && locked.st_ino == named.st_ino;
 }
 
-cr_status_t create_under_parent(const std::string& top, const std::string& directory) {
-  DirLock parent;
+cr_status_t create_under_parent(const std::string& top, const std::string& directory,
+                                const std::atomic<bool>* stop) {
+  DirLock parent(stop);
   const cr_status_t status = parent.lock_or_create(top, getdirname(directory));
   return status != CR_STATUS_OK ? status : wa_createtree(directory.c_str(), 0700);
 }
 
 }  // namespace
+
+bool DirLock::take(int directory) {
+  const int operation = stop_ == nullptr ? LOCK_EX : LOCK_EX | LOCK_NB;
+  while (flock(directory, operation) != 0) {
+    if (errno != EINTR && errno != EWOULDBLOCK) return false;
+    stopped_ = stop_ != nullptr && *stop_;
+    if (stopped_) return false;
+    if (errno == EWOULDBLOCK) usleep(kPause);
+  }
+  return true;
+}
 
 cr_status_t DirLock::lock(const std::string& directory) {
   for (;;) {
@@ -49,7 +57,7 @@ cr_status_t DirLock::lock_or_create(const std::string& top, const std::string& d
   for (;;) {
     const cr_status_t status = lock(directory);
     if (status != CR_STATUS_NOT_FOUND || directory == top) return status;
-    const cr_status_t created = create_under_parent(top, directory);
+    const cr_status_t created = create_under_parent(top, directory, stop_);
     if (created != CR_STATUS_OK) return created;
   }
 }

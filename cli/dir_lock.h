@@ -1,6 +1,7 @@
 // Locks on the directories of a catalog, between processes and between threads.
 #pragma once
 
+#include <atomic>
 #include <string>
 
 #include "host/status.h"
@@ -16,6 +17,9 @@ namespace cli {
 // directory while holding one below it.
 class DirLock {
  public:
+  // With `stop`, waiting ends when that is set.
+  explicit DirLock(const std::atomic<bool>* stop = nullptr) : stop_(stop) {}
+
   // Waits for the lock of an existing directory. CR_STATUS_NOT_FOUND when there is none (any more);
   // symbolic links are not followed.
   cr_status_t lock(const std::string& directory);
@@ -26,7 +30,14 @@ class DirLock {
 
   void unlock() { directory_ = refhost::Fd(); }
 
+  // Whether no lock was taken because `stop` was set.
+  bool stopped() const { return stopped_; }
+
  private:
+  bool take(int directory);
+
+  const std::atomic<bool>* stop_;
+  bool stopped_ = false;
   refhost::Fd directory_;
 };
 

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "cli/database.h"
+#include "cli/dir_list.h"
 #include "cli/list_gaps.h"
 #include "host/files.h"
 
@@ -16,9 +17,7 @@ void mend_version(SQLitePODB& db, IngestOutcome* outcome) {
   if (db.get_podb_version() != 0) return;
   const cr_status_t status = db.set_property("db_version", "1");
   if (status != CR_STATUS_OK) throw DirectoryError{status, "its database has no version"};
-  ++outcome->counts.mended;
-  outcome->problems.push_back(
-      {db.get_dbfile_path(), CR_STATUS_OK, "mended: the database had no version"});
+  outcome->mended(db.get_dbfile_path(), "mended: the database had no version");
 }
 
 void prepare_database(SQLitePODB& db, IngestOutcome* outcome) {
@@ -30,11 +29,15 @@ void prepare_database(SQLitePODB& db, IngestOutcome* outcome) {
   // A journal beside it can stay: SQLite discards the journal of a database without content.
   status = wa_deletefile(db.get_dbfile_path().c_str());
   if (status != CR_STATUS_OK) throw DirectoryError{status, "its empty database cannot be removed"};
+  // A truncated database looks the same: the rows that it may have held are still counted.
+  outcome->mended(db.get_dbfile_path(), "mended: the database was empty");
+  outcome->recount = true;
 }
 
 // Whether the lists are to be looked at once more.
 bool try_batch(const IngestJob& job, SQLitePODB& db, const std::function<bool(RowBatch&)>& work,
                IngestOutcome* outcome) {
+  remove_unfinished_writes(db.get_dir());
   prepare_database(db, outcome);
   RowBatch batch(job, db, find_list_gaps(db.get_dir(), outcome));
   if (!work(batch)) return false;

@@ -7,6 +7,7 @@
 #include <sstream>
 
 #include "cli/catalog.h"
+#include "cli/dir_list.h"
 #include "cli/dir_lock.h"
 #include "host/files.h"
 
@@ -79,6 +80,7 @@ cr_status_t DsInfoRun::open(const std::string& root, unsigned int dsid) {
   DirLock joining;
   const cr_status_t status = joining.lock(data_store_directory(root, dsid));
   if (status != CR_STATUS_OK) return status;
+  remove_unfinished_writes(data_store_directory(root, dsid));
   const std::string path = data_store_directory(root, dsid) + "/" + kDsInfoLockFile;
   lock_ = refhost::Fd(::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
   if (!lock_) return status_of_errno("open");
@@ -118,7 +120,7 @@ cr_status_t DsInfoRun::close() {
   status = read_dsinfo(root_, dsid_, &info);
   if (status != CR_STATUS_OK) return status;
   add_counters(&info.counters, delta_);
-  --info.open_runs;
+  if (trusted_) --info.open_runs;
   status = write(info);
   lock_ = refhost::Fd();
   return status;

@@ -54,6 +54,10 @@ class DsInfoRun {
 
   void add(const ds_info_t& delta) { add_counters(&delta_, delta); }
 
+  // The deltas do not tell all that was changed: the run stays on the account, so that the next one
+  // counts anew.
+  void distrust() { trusted_ = false; }
+
   // Once. A failure leaves the run on the account.
   cr_status_t close();
 
@@ -68,6 +72,7 @@ class DsInfoRun {
   bool recounted_ = false;
   cr_status_t count_status_ = CR_STATUS_OK;
   ds_info_t delta_{};
+  bool trusted_ = true;
 };
 
 }  // namespace cli

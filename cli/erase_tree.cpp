@@ -22,8 +22,9 @@ void erase_rows(const IngestJob& job, const std::string& directory, IngestOutcom
 
 // Its subdirectories are gone, unless something there was kept.
 void erase_directory(const IngestJob& job, const std::string& directory, IngestOutcome* outcome) {
-  DirLock lock;
+  DirLock lock(job.stop);
   const cr_status_t status = lock.lock(directory);
+  if (lock.stopped()) return;
   if (status == CR_STATUS_NOT_FOUND) return;  // another run was faster
   if (status != CR_STATUS_OK) {
     return outcome->not_done({directory, status, "not removed: it cannot be locked"});

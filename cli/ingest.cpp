@@ -220,6 +220,7 @@ void Ingest::take(IngestOutcome&& outcome) {
   }
   counts_.add(outcome.counts);
   account_.add(outcome.delta);
+  if (outcome.recount) account_.distrust();
 }
 
 int Ingest::finish() {

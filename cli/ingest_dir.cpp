@@ -125,9 +125,11 @@ void DirectoryIngest::sort_out_directory(const std::string& name) {
 
 void DirectoryIngest::update_catalog() {
   {
-    DirLock lock;
+    DirLock lock(job_.stop);
     const cr_status_t status =
         lock.lock_or_create(data_store_directory(job_.root, job_.dsid), task_.catalog);
+    result_.stopped = lock.stopped();
+    if (result_.stopped) return;
     if (status != CR_STATUS_OK) return fail(task_.catalog, status, "cannot be made or locked");
     try {
       store_directory(job_, task_.catalog, source_.attributes(), &result_.outcome);
@@ -168,10 +170,10 @@ bool DirectoryIngest::try_rows(SQLitePODB& db) {
 // False when the run is to stop.
 bool DirectoryIngest::store_all(RowBatch& batch) {
   for (const std::string& name : files_) {
-    result_.stopped = *job_.stop;
-    if (result_.stopped) return false;
-    store(batch, name);
+    if (!*job_.stop) store(batch, name);
   }
+  result_.stopped = *job_.stop;
+  if (result_.stopped) return false;
   if (job_.delete_missing) batch.remove_others(kept_files_);
   return true;
 }
@@ -184,7 +186,7 @@ void DirectoryIngest::store(RowBatch& batch, const std::string& name) {
   if (reader_.read(source_.fd(), name, with_content, &file, &why)) {
     batch.store(name, file);
     job_.progress->entry(static_cast<std::uint64_t>(file.attributes.st_size));
-  } else {
+  } else if (!*job_.stop) {
     batch.outcome().not_done({source_of(name), CR_STATUS_FAILED, why});
   }
 }

@@ -28,8 +28,14 @@ void IngestCounts::add(const IngestCounts& other) {
 void IngestOutcome::add(IngestOutcome&& other) {
   counts.add(other.counts);
   add_counters(&delta, other.delta);
+  recount |= other.recount;
   problems.insert(problems.end(), std::make_move_iterator(other.problems.begin()),
                   std::make_move_iterator(other.problems.end()));
+}
+
+void IngestOutcome::mended(const std::string& path, const std::string& text) {
+  ++counts.mended;
+  problems.push_back({path, CR_STATUS_OK, text});
 }
 
 void IngestOutcome::not_done(Problem problem) {

@@ -52,11 +52,15 @@ struct IngestOutcome {
   IngestCounts counts;
   ds_info_t delta{};
   std::vector<Problem> problems;
+  bool recount = false;  // `delta` does not tell all: damage hid what went
 
   void add(IngestOutcome&& other);
 
   // Counts and reports one thing that was not done.
   void not_done(Problem problem);
+
+  // Counts and reports one thing that was found wrong and mended.
+  void mended(const std::string& path, const std::string& text);
 };
 
 }  // namespace cli

@@ -44,6 +44,20 @@ void describe(FilePO* entry, const SourceFile& file, bool with_content) {
   set_fields(entry, fields);
 }
 
+// Texts of this size fit into the store's longest statement.
+constexpr std::size_t kMostRowText = 1900;
+
+// Whether an update failed because of its entry: every other entry can be stored all the same. The
+// entry has lost its location by then, as its row would have.
+bool is_of_entry(const std::string& name, const FilePO& entry, cr_status_t status) {
+  if (status == CR_STATUS_IMMUTABLE || status == CR_STATUS_BAD_ARG) return true;
+  std::string content;
+  if (status != CR_STATUS_FAILED || entry.to_string(content) != 0) return false;
+  return base::sql_escaped(name + content).size() +
+             refhost::get_fields(entry.record()).poid.size() >
+         kMostRowText;
+}
+
 }  // namespace
 
 RowBatch::~RowBatch() {
@@ -90,6 +104,13 @@ void RowBatch::refuse_protected(const std::string& name) {
   outcome_.not_done({path_of(name), CR_STATUS_IMMUTABLE, "left alone: it is protected"});
 }
 
+// The file itself is the only cure of a damaged row.
+void RowBatch::replace_damaged(const std::string& name) {
+  displaced_damage_ = true;
+  outcome_.recount = true;
+  outcome_.mended(path_of(name), "mended: its row was damaged, and is replaced");
+}
+
 void RowBatch::store(const std::string& name, const SourceFile& file) {
   FilePO incoming = entry_of(name);
   describe(&incoming, file, job_.with_content);
@@ -100,7 +121,7 @@ void RowBatch::store(const std::string& name, const SourceFile& file) {
   if (found == Stored::readable && !same && protected_entry(stored.record(), job_.clock)) {
     return refuse_protected(name);
   }
-  displaced_damage_ |= found == Stored::damaged;
+  if (found == Stored::damaged) replace_damaged(name);
   if (same) {
     close_gap(stored, file.content);
   } else {
@@ -154,7 +175,11 @@ void RowBatch::remove(const std::string& name) {
   if (found == Stored::readable && protected_entry(stored.record(), job_.clock)) {
     return refuse_protected(name);
   }
-  displaced_damage_ |= found == Stored::damaged;
+  if (found == Stored::damaged) {
+    return outcome_.not_done({path_of(name), CR_STATUS_BAD_DATA,
+                              "not removed: it is damaged, and nobody knows whether it is "
+                              "protected"});
+  }
   refhost::RecordFields fields = refhost::get_fields(gone.record());
   fields.mod_type = PO_MODTYPE_DELETE;
   set_fields(&gone, fields);
@@ -169,10 +194,8 @@ void RowBatch::update(const std::string& name, FilePO* entry, const Content& con
   std::string action = "action_imgchk";
   const auto status = static_cast<cr_status_t>(
       entry->update(&db_, outcome_.delta, displaced.entries, with_containers, action));
-  if (status == CR_STATUS_IO_ERROR || status == CR_STATUS_CORRUPT || status == CR_STATUS_BUSY) {
-    throw DirectoryError{status, "its database cannot be written"};
-  }
-  if (status != CR_STATUS_OK) throw EntryError{name, status};
+  if (status != CR_STATUS_OK && is_of_entry(name, *entry, status)) throw EntryError{name, status};
+  if (status != CR_STATUS_OK) throw DirectoryError{status, "its database cannot be written"};
   for (const PO* old : displaced.entries) displaced_.insert(POGetHashRef(old->record()));
   if (with_containers.empty()) return;
   lists_.put(content);

@@ -55,6 +55,7 @@ class RowBatch {
   Stored load(const std::string& name, FilePO* stored);
   bool is_same(const FilePO& stored, const FilePO& incoming) const;
   void refuse_protected(const std::string& name);
+  void replace_damaged(const std::string& name);
   void update(const std::string& name, FilePO* entry, const Content& content);
   void close_gap(const FilePO& stored, const Content& content);
   void settle_lists();

@@ -2,14 +2,14 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include <array>
 #include <atomic>
-#include <cstdio>
+#include <string>
 #include <string_view>
 
 #include "host/files.h"
 #include "refhost/fail_internal.h"
 #include "refhost/fd_internal.h"
+#include "refhost/leftovers.h"
 
 namespace refhost {
 namespace {
@@ -55,12 +55,14 @@ std::string directory_of(const std::string& path) {
   return slash == std::string::npos ? "." : path.substr(0, slash + 1);
 }
 
+constexpr std::string_view kUnfinishedPrefix = ".write-";
+constexpr std::string_view kUnfinishedSuffix = ".tmp";
+
 // Not made from the target's name, which may be as long as a name can be.
 std::string fresh_name() {
   static std::atomic<unsigned int> counter{0};
-  std::array<char, 64> name{};
-  std::snprintf(name.data(), name.size(), ".write-%d-%u.tmp", getpid(), counter++);
-  return name.data();
+  return std::string(kUnfinishedPrefix) + std::to_string(getpid()) + "-" +
+         std::to_string(counter++) + std::string(kUnfinishedSuffix);
 }
 
 // A new file beside the one that it is to replace: it takes that one's place with all its content,
@@ -122,6 +124,14 @@ bool replace_file(const char* path, const std::string& content) {
 }
 
 }  // namespace
+
+bool is_unfinished_write(const std::string& name) {
+  const std::size_t affixes = kUnfinishedPrefix.size() + kUnfinishedSuffix.size();
+  return name.size() > affixes &&
+         name.compare(0, kUnfinishedPrefix.size(), kUnfinishedPrefix) == 0 &&
+         name.compare(name.size() - kUnfinishedSuffix.size(), std::string::npos,
+                      kUnfinishedSuffix) == 0;
+}
 
 bool sync_directory(int directory) { return fsync(directory) == 0 || errno == EINVAL; }
 
