@@ -56,7 +56,8 @@ void check_checksum(const RawRow& row, Faults* faults) {
   const std::uint32_t computed = SQLitePODB::calculate_crc(
       row.basename.bytes.c_str(), row.poid.bytes.c_str(), row.content.bytes.c_str());
   if (row.crc == computed) return;
-  faults->push_back(fmt::format("the checksum is wrong: stored {}, computed {}", row.crc, computed));
+  faults->push_back(
+      fmt::format("the checksum is wrong: stored {}, computed {}", row.crc, computed));
 }
 
 void check_poid(const RawRow& row, Faults* faults) {
