@@ -1,4 +1,4 @@
-// What the tests of entries share: the log, and a directory.
+// What the tests of entries share: allocations that fail, the log, and a directory.
 #pragma once
 
 #include "po/dir_po.h"
@@ -6,6 +6,9 @@
 #include "tests/support/log_capture.h"
 #include "tests/support/records.h"
 #include "tests/support/temp_dir.h"
+
+// After so many, one allocation of this program fails; negative: none does.
+inline long allocations_left = -1;
 
 inline cr_status_t& cell() { return *__cr_errno_location(); }
 

@@ -22,12 +22,21 @@ TEST_F(Entries, move_to_a_path_and_give_it_up_when_written) {
   EXPECT_EQ(path, text_of(file_fields("", "", 0, "")));
 }
 
+// Wherever memory runs out: in the host's functions, in the object, in a text.
 TEST_F(Entries, come_from_a_factory_that_never_throws) {
-  refhost::RecordFields fields = dir_fields("leaf");
-  const std::unique_ptr<PO> parsed(PO::getObject(text_of(fields), PO_STYPE_NONE));
-  EXPECT_NE(dynamic_cast<DirPO*>(parsed.get()), nullptr);
-  const std::unique_ptr<PO> named(PO::getObjectWithPath("/r", "/r/5/no/directory", 5));
-  EXPECT_NE(dynamic_cast<FilePO*>(named.get()), nullptr);
+  refhost::RecordFields fields = dir_fields("a leaf that is longer than a short string");
+  for (const bool from_text : {true, false}) {
+    const std::string text = text_of(fields);
+    std::unique_ptr<PO> made;
+    for (long n = 0; made == nullptr && n < 1000; ++n) {
+      allocations_left = n;
+      made.reset(from_text ? PO::getObject(text, PO_STYPE_NONE)
+                           : PO::getObjectWithPath("/r", text, 5));
+      allocations_left = -1;
+      EXPECT_TRUE(made != nullptr || cell() == CR_STATUS_NO_MEMORY);
+    }
+    EXPECT_EQ(dynamic_cast<DirPO*>(made.get()) != nullptr, from_text);
+  }
   fields.type = 2;
   const std::pair<std::string, cr_status_t> refused[] = {
       {text_of(fields), 71}, {"junk", 103}, {file_text("f", "no poid"), 103}};
