@@ -141,7 +141,12 @@ TEST_F(IngestListsTest, ACrashBetweenTheCommitsIsMendedByTheNextRun) {
 
 // The rows must not be committed with lists that are not all there.
 TEST_F(IngestListsTest, ListsThatGetLostInTheMiddleAreDoneAgain) {
+  const auto replace = [this] {
+    fs::rename(lists_file(), lists_file() + ".away");
+    fs::copy_file(lists_file() + ".away", lists_file());
+  };
   const std::map<std::string, std::function<void()>> losses = {
+      {"replaced", replace},
       {"deleted", [this] { fs::remove(lists_file()); }},
       {"overwritten", [this] { put_file(lists_file(), std::string(8192, 'x')); }}};
   write("old", "old");
@@ -151,7 +156,8 @@ TEST_F(IngestListsTest, ListsThatGetLostInTheMiddleAreDoneAgain) {
     for (const std::string moment : {"third", "commit"}) {
       SCOPED_TRACE(loss.first + " at the " + moment);
       for (const std::string place : {"first", "second", "third"}) {
-        contents.push_back(loss.first + moment + place);
+        contents.push_back(moment + place);
+        contents.back() += loss.first;
         write(contents.back(), contents.back());
       }
       bool done = false;
@@ -179,6 +185,21 @@ TEST_F(IngestListsTest, WithoutListsNoRowIsCommitted) {
   EXPECT_EQ(ingest(cli::kIncomplete), (Counters{0, 0, 0, 0, 1}));
   EXPECT_EQ(counters(), (Counters{0, 2, 0, 0}));
   EXPECT_EQ(names(), std::vector<std::string>{});
+}
+
+// A name with a "/" in it comes from damage only. Its leaf is another row's name.
+TEST_F(IngestListsTest, ARowWithAnImpossibleNameTakesNoOtherOneAlong) {
+  write("b", "x");
+  ingest(cli::kDone);
+  const std::string stored = rows("", "SELECT poid || content FROM po")[0][0];
+  for (const std::string name : {"a/b", "b/"}) {
+    const std::uint32_t crc = plain_adler32(name + stored);
+    rows("",
+         fmt::format("INSERT INTO po SELECT '{}', poid, content, {} FROM po LIMIT 1", name, crc));
+  }
+  EXPECT_EQ(ingest(cli::kIncomplete, {"--delete"}), (Counters{0, 0, 1, 0, 2}));
+  EXPECT_EQ(names(), (std::vector<std::string>{"a/b", "b", "b/"}));
+  expect_lists({"x"});
 }
 
 }  // namespace

@@ -13,6 +13,7 @@ class IngestThreadsTest : public IngestTest {
  protected:
   static constexpr int kDirectories = 24;
   static constexpr int kFiles = 10;
+  static constexpr int kAll = kDirectories * kFiles;
 
   // Four levels, as workers find directories while others wait for some.
   static std::string directory(int number) {
@@ -34,11 +35,12 @@ class IngestThreadsTest : public IngestTest {
   void expect_complete() {
     for (int number = 0; number < kDirectories; ++number) {
       std::vector<std::string> contents;
+      contents.reserve(kFiles);
       for (int file = 0; file < kFiles; ++file) contents.push_back(content(number, file));
       EXPECT_EQ(names(directory(number)).size(), contents.size());
       EXPECT_EQ(lists_of(image_ + directory(number)), lists_for(contents));
     }
-    EXPECT_EQ(counters()[2], kDirectories * kFiles);
+    EXPECT_EQ(counters()[2], kAll);
     EXPECT_EQ(run_command({"verify", root_}).status, cli::kDone);
   }
 };
@@ -49,6 +51,7 @@ TEST_F(IngestThreadsTest, ThreadsIngestAndQueryOneCatalogAtOnce) {
   EXPECT_EQ(ingest(cli::kDone, {"--threads", "1", "--no-content"}).at(0), 241U);
   std::atomic<bool> ingesting{true};
   std::vector<std::thread> readers;
+  readers.reserve(4);
   for (int reader = 0; reader < 4; ++reader) {
     readers.emplace_back([&, reader] {
       for (int number = reader; ingesting; number = (number + 1) % kDirectories) {
@@ -78,13 +81,13 @@ TEST_F(IngestThreadsTest, ProcessesThatIngestTheSameTreeAddEveryFileOnce) {
     const Outcome outcome = run({"--threads", "4"});
     const nlohmann::json summary = outcome.json().at(0);
     const int done = summary["added"].get<int>() + summary["unchanged"].get<int>();
-    return done == kDirectories * kFiles && summary["mended"] == 0 ? outcome.status : 99;
+    return done == kAll && summary["mended"] == 0 ? outcome.status : 99;
   };
   std::vector<pid_t> children(4);
   for (pid_t& child : children) child = start_child(process);
   for (const pid_t child : children) EXPECT_EQ(end_of(child), 0);
   expect_complete();
-  EXPECT_EQ(ingest(cli::kDone), (Counters{0, 0, kDirectories * kFiles, 0, 0}));
+  EXPECT_EQ(ingest(cli::kDone), (Counters{0, 0, kAll, 0, 0}));
 }
 
 TEST_F(IngestThreadsTest, ProblemsAreToldInWholeLines) {
