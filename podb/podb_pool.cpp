@@ -1,5 +1,6 @@
 #include "podb/podb_pool.h"
 
+#include <atomic>
 #include <iterator>
 #include <ostream>
 #include <stdexcept>
@@ -20,9 +21,11 @@ std::string key_of(const std::string& dir) {
 }
 
 // Handles are copied from the pool's own under the pool's lock only, so a database that is the
-// pool's alone stays so while that lock is held.
+// pool's alone stays so while that lock is held. use_count synchronises with nobody: the fence lets
+// what follows see what the last holder did.
 bool reclaimable(const std::shared_ptr<PODB>& database) {
   if (database.use_count() != 1) return false;
+  std::atomic_thread_fence(std::memory_order_acquire);
   unsigned long idle = 0;
   return !database->is_transaction_active(&idle) && idle > kIdleSeconds;
 }
