@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -40,9 +41,12 @@ void* provided_by(void* scope, const char* name) {
   return is_provider(function) ? function : nullptr;
 }
 
-int append_name(dl_phdr_info* object, std::size_t, void* names) {
+// Called from C, so out of memory ends the walk.
+int append_name(dl_phdr_info* object, std::size_t, void* names) try {
   static_cast<std::vector<std::string>*>(names)->emplace_back(object->dlpi_name);
   return 0;
+} catch (const std::bad_alloc&) {
+  return 1;
 }
 
 // In load order. Collected first: nothing may be opened while they are walked.

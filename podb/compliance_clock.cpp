@@ -2,6 +2,7 @@
 #include <array>
 #include <cerrno>
 #include <fstream>
+#include <memory>
 #include <mutex>
 #include <string>
 
@@ -20,7 +21,13 @@ constexpr const char* kDefaultMountPoint = "/opt/halyard/arbor-manage/worm";
 constexpr const char* kOperation = "get_compclk";
 
 std::mutex m_lock;
-std::string mount_point;  // guarded by m_lock; empty until discovered, never changed afterwards
+
+// Guarded by m_lock; empty until discovered, never changed afterwards. Never destroyed: threads may
+// still read the clock while the process exits.
+std::string& mount_point() {
+  static std::string* const kept = std::make_unique<std::string>().release();
+  return *kept;
+}
 
 bool exists(const char* path) { return zel_access(path, 0) == 0; }
 
@@ -34,8 +41,8 @@ std::string discovered_mount_point() {
 
 std::string known_mount_point() {
   const std::lock_guard<std::mutex> lock(m_lock);
-  if (mount_point.empty()) mount_point = discovered_mount_point();
-  return mount_point;
+  if (mount_point().empty()) mount_point() = discovered_mount_point();
+  return mount_point();
 }
 
 cr_status_t log_clock_failure(const std::string& mount, int reason) {

@@ -11,8 +11,10 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* kNobody = "95\n95\n95 0 errno=7\n";
-constexpr const char* kProvided = "set -1 0x1 (nil) 0x3 4\n41\nremove 3 0x9\n44\n0 4711 errno=7\n";
+constexpr const char* kNobody = "95\n95\n95\n95\n95 0 errno=7\n";
+constexpr const char* kListed = "95\n95\nlist 5 0x6 0x7\n43\n95\n95 0 errno=7\n";
+constexpr const char* kProvided =
+    "set -1 0x1 (nil) 0x3 4\n41\nget 2 0x5 (nil) 0x7\n42\n95\nremove 3 0x9\n44\n0 4711 errno=7\n";
 
 // What a program that uses the real library says.
 std::string output_of(const std::string& program, const std::string& opened = "") {
@@ -35,7 +37,8 @@ TEST(Bridge, FindsAProviderWhereverItIsAndNeverItself) {
       {"bridge_opener", "l:" POCATALOG " g:" PROVIDER, kProvided},
       {"bridge_opener", "g:" PROVIDER " l:" POCATALOG, kProvided},
       {"bridge_opener", "g:" POCATALOG " g:" PROVIDER, kProvided},
-      {"bridge_linked", "g:" WAY_BACK, kNobody},
+      {"bridge_linked", "g:" WAY_BACK, kListed},
+      {"bridge_poor", "", kNobody},
   };
   for (const auto& [program, opened, output] : cases) {
     EXPECT_EQ(output_of(program, opened), output) << program << " " << opened;

@@ -1,4 +1,5 @@
-// A stand-in for the attribute library: tells on standard output what reached it.
+// A stand-in for the attribute library, without its listing: tells on standard output what reached
+// it.
 #include <sys/time.h>
 
 #include <cerrno>
@@ -12,6 +13,10 @@ extern "C" {
 
 PROVIDED int quill_nxattr_set(std::int32_t file, void* a, void* b, void* c, std::int32_t d) {
   return std::printf("set %d %p %p %p %d\n", file, a, b, c, d) > 0 ? 41 : 0;
+}
+
+PROVIDED int quill_nxattr_get(std::int32_t file, void* a, void* b, void* c) {
+  return std::printf("get %d %p %p %p\n", file, a, b, c) > 0 ? 42 : 0;
 }
 
 PROVIDED int quill_nxattr_remove(std::int32_t file, void* a) {

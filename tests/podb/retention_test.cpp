@@ -70,6 +70,7 @@ TEST_F(Retention, AddsFlagsRaisesTheLockOnlyAndReportsTimesRelativeToTheClock) {
                {5001, RETENTION_IMMUTABLE, 0, 0, kBoth, 5100, -4001, 99},
                {1, RETENTION_LOCK | RETENTION_CLOUD, 10, 0, kBoth | SF_CLOUDLSU, 1010, 0, 0}};
   store(77);
+  refhost::set_log_level(refhost::LogLevel::Trace);
   for (const auto& c : cases) {
     fake_clock = c.clock;
     EXPECT_EQ(set(c.flags, c.period), c.status);
@@ -79,27 +80,40 @@ TEST_F(Retention, AddsFlagsRaisesTheLockOnlyAndReportsTimesRelativeToTheClock) {
     EXPECT_EQ(POGetSpecialFlags(entry.record()), c.special_flags);
     const tolvfs_worm_info_t found = info();
     EXPECT_EQ(found.ctime_offset, c.ctime_offset);
+    EXPECT_EQ(found.ctime_offset_again, c.ctime_offset);
     EXPECT_EQ(found.lock_remaining, c.remaining);
   }
+  log.expect(refhost::LogLevel::Trace, CR_STATUS_NONE,
+             "set_retention: cloudlsu=0, retention lock = 100, PO ctime = 77 PO atime is 1000 for "
+             "image img");
+  log.expect_error(
+      CR_STATUS_LOCK_LOWERED,
+      "set_retention: the retention lock 5099 is less than previous value 5100 for img");
   EXPECT_EQ(info().worm_flags, WORM_IMMUTABLE);
   EXPECT_EQ(std::string(info().cdo_ref, 1024), std::string(1024, 'f')) << "cut";
-  store(std::uint64_t{1} << 63);
-  EXPECT_EQ(set(RETENTION_LOCK, 1), CR_STATUS_LOCK_LOWERED);
-  log.clear();
 }
 
-TEST_F(Retention, InventsNoEntryInADatabaseOfTheRoot) {
+TEST_F(Retention, InventsNoEntry) {
   SQLitePODB top(root.path(), root.path());
   EXPECT_EQ(top.put(std::make_unique<FilePO>(file_text("image", make_poid(1))).get()), 0);
   EXPECT_EQ(top.set_retention("image", RETENTION_IMMUTABLE, 0), CR_STATUS_NO_LOCATION);
   EXPECT_EQ(raw_sql(root.path("po.db"), "SELECT basename FROM po"), RawRows{{"image"}});
-  log.clear();
+  log.expect_error(CR_STATUS_NO_LOCATION, "set_retention: put po failed for image");
+  store(77);
+  tolvfs_worm_info_t found{1, 1, 1, 1, "x"};
+  EXPECT_EQ(db.set_retention("gone", RETENTION_LOCK, 1), CR_STATUS_NOT_FOUND);
+  EXPECT_EQ(db.get_retention("gone", found), CR_STATUS_NOT_FOUND);
+  EXPECT_EQ(found.worm_flags | static_cast<unsigned char>(found.cdo_ref[0]), 0U);
+  log.expect_error(CR_STATUS_NOT_FOUND, "set_retention: get po failed for gone");
+  log.expect_error(CR_STATUS_NOT_FOUND, "get_retention: get po failed for gone");
+  EXPECT_EQ(sql("SELECT basename FROM po"), RawRows{{"img"}});
 }
 
 // A store of what a lock needs of one entry, in memory.
 struct OneEntry : SQLitePODB {
   using SQLitePODB::SQLitePODB;
   cr_status_t get(const std::string&, PO* po) override {
+    EXPECT_EQ(po->get_dsid(), 0U) << "not that of the database";
     POSetBasename(po->record(), "img");
     POSetSpecialFlags(po->record(), special_flags);
     return POSetAtime(po->record(), atime);
@@ -127,24 +141,26 @@ TEST_F(Retention, EndsNoLockEarlyAndShortensNoneInAnyScheduleOfTheClock) {
   std::mt19937_64 random(4711);
   for (int schedule = 0; schedule < 100000 && !HasFailure(); ++schedule) {
     OneEntry one(root.path(), dir);
-    std::int64_t lock = 0;
+    std::uint64_t lock = one.atime = random() % 4 == 0 ? random() : 0;
     bool has_lock = false;
     for (std::uint64_t step = random() % 4 + 1; step > 0; --step) {
-      const std::int64_t clock =
-          random() % 2 == 0 ? random_seconds(random) : lock - static_cast<int>(random() % 2);
+      const auto clock = random() % 2 == 0 ? random_seconds(random)
+                                           : static_cast<std::int64_t>(lock - random() % 2);
       const std::int64_t period = random_seconds(random);
       // Holds every 64-bit number, and the order of their sums.
       const long double wanted = static_cast<long double>(clock) + static_cast<long double>(period);
       const bool raised =
           wanted <= static_cast<long double>(kMax) && wanted >= static_cast<long double>(lock);
-      if (raised) lock = clock + period;
+      if (raised) lock = static_cast<std::uint64_t>(clock + period);
       has_lock = has_lock || raised;
       fake_clock = clock;
       EXPECT_EQ(one.set_retention("img", RETENTION_LOCK, period) == CR_STATUS_OK, raised)
           << clock << " and " << period;
+      EXPECT_EQ(one.atime, lock);
       tolvfs_worm_info_t found{};
       EXPECT_EQ(one.get_retention("img", found), CR_STATUS_OK);
-      EXPECT_EQ(found.worm_flags == WORM_LOCKED, has_lock && lock > clock)
+      EXPECT_EQ(found.worm_flags == WORM_LOCKED,
+                has_lock && static_cast<long double>(lock) > static_cast<long double>(clock))
           << clock << " and " << period;
     }
   }
@@ -157,12 +173,19 @@ TEST_F(Retention, NeedsTheClockOfTheMountPointForLocksAndTheirReports) {
     std::string mount_file;  // what names the mount point
     const char* made;        // a directory that exists
     cr_status_t status;
-  } cases[] = {{"/opt/m\nrest", "/opt/m", CR_STATUS_OK},
-               {"", standard, CR_STATUS_OK},
-               {"/opt/" + std::string(5000, 'a'), standard, CR_STATUS_OK},
-               {"/opt/m\n", "/opt/other", CR_STATUS_NOT_PROVIDED},
-               {"/opt/s", "/opt/s", CR_STATUS_NOT_PROVIDED},
-               {"/opt/q", "/opt/q", CR_STATUS_FAILED}};
+    int reason;
+    const char* line;
+  } cases[] = {{"/opt/m\nrest", "/opt/m", CR_STATUS_OK, 0, ""},
+               {"", standard, CR_STATUS_OK, 0, ""},
+               {"/opt/" + std::string(5000, 'a'), standard, CR_STATUS_OK, 0, ""},
+               {"/opt/m\n", "/opt/other", CR_STATUS_NOT_PROVIDED, ENOENT,
+                "get_compclk: compliance clock mount point is not existing"},
+               {"/opt/s", "/opt/s", CR_STATUS_NOT_PROVIDED, EOPNOTSUPP,
+                "get_compclk: compliance clock is not enabled"},
+               {"/opt/f", "/opt/f", CR_STATUS_FAILED, EIO,
+                "get_compclk: fail to get compliance clock on mount point (/opt/f), errno=5"},
+               {"/opt/q", "/opt/q", CR_STATUS_FAILED, 0,
+                "get_compclk: fail to get compliance clock on mount point (/opt/q), errno=0"}};
   store(9999);
   ASSERT_EQ(set(RETENTION_LOCK, 9999), CR_STATUS_OK);
   for (const auto& c : cases) {
@@ -177,7 +200,20 @@ TEST_F(Retention, NeedsTheClockOfTheMountPointForLocksAndTheirReports) {
       EXPECT_EQ(now.tv_sec, c.status == CR_STATUS_OK ? 4711 : 1);
       EXPECT_EQ(set(RETENTION_LOCK, 99999), c.status);
       EXPECT_EQ(info(c.status).worm_flags, c.status == CR_STATUS_OK ? WORM_LOCKED : 0);
-      log.clear();
+      if (c.status != CR_STATUS_OK) {
+        for (int call = 0; call < 3; ++call) log.expect_error(c.status, c.line);
+        log.expect_error(c.status,
+                         "set_retention: get_compclk failed : errno = " + std::to_string(c.reason));
+        log.expect_error(c.status, "get_retention: get compliance clock failed for img");
+      }
+      EXPECT_EQ(get_compclk(nullptr), CR_STATUS_BAD_ARG);
+      EXPECT_TRUE(log.messages(refhost::LogLevel::Error).empty());
+      // The mount point is kept when it fails; the marker counts at once.
+      std::filesystem::remove(c.made);
+      std::ofstream("/etc/tarn/worm") << "/opt";
+      EXPECT_EQ(get_compclk(&now), CR_STATUS_NOT_PROVIDED);
+      fake_clock = 1;
+      EXPECT_EQ(get_compclk(&now), CR_STATUS_OK);
     });
   }
 }
