@@ -7,6 +7,7 @@
 #include <memory>
 #include <system_error>
 
+#include "base/hardening_internal.h"
 #include "cli/catalog.h"
 #include "cli/sqlite_reader.h"
 
@@ -45,6 +46,7 @@ cr_status_t ScratchCopy::make(const std::string& database) {
   sqlite3* opened = nullptr;
   code = sqlite3_open(file().c_str(), &opened);
   const Target target(opened);
+  if (code == SQLITE_OK) harden(opened);
   if (code == SQLITE_OK) code = copy_pages(source.handle(), target.get());
   return code == SQLITE_OK ? CR_STATUS_OK : status_of_sqlite(code);
 }

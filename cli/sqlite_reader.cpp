@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <limits>
 
+#include "base/hardening_internal.h"
 #include "sqlitedb/sqlite_wrapper.h"
 
 namespace cli {
@@ -18,9 +19,7 @@ int Connection::open(const std::string& file) {
   const int code = sqlite3_open_v2(file.c_str(), &opened, SQLITE_OPEN_READWRITE, nullptr);
   db_.reset(opened);
   if (code != SQLITE_OK) return code;
-  // A schema changed by hand gets no chance to run anything.
-  sqlite3_db_config(opened, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
-  sqlite3_db_config(opened, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
+  harden(opened);
   return sqlite3_busy_timeout(opened, kBusyMilliseconds);
 }
 

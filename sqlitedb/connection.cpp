@@ -5,6 +5,7 @@
 #include "host/files.h"
 #include "host/log.h"
 #include "sqlitedb/failure_internal.h"
+#include "sqlitedb/open_internal.h"
 #include "sqlitedb/sqlite_wrapper.h"
 
 namespace sqlitedb {
@@ -45,7 +46,7 @@ cr_status_t create_directory_of(const std::string& file) {
 // SQLite may make a handle even when it fails; the caller closes it.
 int connect(const std::string& file, sqlite3** db) {
   InfoA(CR_STATUS_OK, "Open SQLite database %s", file.c_str());
-  const int rc = sqlite3_open(file.c_str(), db);
+  const int rc = open_hardened(file, db);
   if (rc == SQLITE_OK) sqlite3_busy_timeout(*db, kBusyTimeoutMs);
   return rc;
 }

@@ -6,6 +6,7 @@
 #include "host/files.h"
 #include "host/log.h"
 #include "sqlitedb/failure_internal.h"
+#include "sqlitedb/open_internal.h"
 #include "uldb/sqlite_uldb_internal.h"
 
 namespace {
@@ -42,7 +43,7 @@ cr_status_t SQLiteULDB::db_open() {
 
 cr_status_t SQLiteULDB::db_open_imp(bool& retry) {
   if (db != nullptr) return CR_STATUS_OK;
-  const int rc = sqlite3_open(dbfile_path.c_str(), &db);
+  const int rc = sqlitedb::open_hardened(dbfile_path, &db);
   if (rc == SQLITE_OK) {
     sqlite3_busy_timeout(db, sqlitedb::kBusyTimeoutMs);
     return CR_STATUS_OK;

@@ -1,0 +1,26 @@
+#include <sqlite3.h>
+#include <sys/stat.h>
+
+#include "base/hardening_internal.h"
+#include "host/files.h"
+#include "sqlitedb/open_internal.h"
+
+namespace sqlitedb {
+
+namespace {
+
+bool is_irregular(const std::string& file) {
+  struct stat info {};
+  return wa_stat(file.c_str(), &info) == CR_STATUS_OK && !S_ISREG(info.st_mode);
+}
+
+}  // namespace
+
+int open_hardened(const std::string& file, sqlite3** db) {
+  if (is_irregular(file)) return SQLITE_CANTOPEN;
+  const int rc = sqlite3_open(file.c_str(), db);
+  if (rc == SQLITE_OK) harden(*db);
+  return rc;
+}
+
+}  // namespace sqlitedb

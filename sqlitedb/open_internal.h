@@ -1,0 +1,14 @@
+// How the rooms that use SQLite open a file.
+#pragma once
+
+#include <string>
+
+struct sqlite3;
+
+namespace sqlitedb {
+
+// As sqlite3_open, and hardens what it opens. SQLITE_CANTOPEN, and no connection, for what is there
+// but no regular file, symbolic links followed: reading a pipe or a terminal might never end.
+int open_hardened(const std::string& file, sqlite3** db);
+
+}  // namespace sqlitedb
