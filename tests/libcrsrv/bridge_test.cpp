@@ -33,6 +33,7 @@ TEST(Bridge, FindsAProviderWhereverItIsAndNeverItself) {
       {"bridge_before", "", kProvided},
       {"bridge_after", "", kProvided},
       {"bridge_stubs", "", kNobody},
+      {"bridge_stubs", "g:" PROVIDER, kProvided},
       {"bridge_opener", "l:" POCATALOG, kNobody},
       {"bridge_opener", "l:" POCATALOG " g:" PROVIDER, kProvided},
       {"bridge_opener", "g:" PROVIDER " l:" POCATALOG, kProvided},

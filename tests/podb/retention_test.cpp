@@ -106,6 +106,9 @@ TEST_F(Retention, InventsNoEntry) {
   EXPECT_EQ(found.worm_flags | static_cast<unsigned char>(found.cdo_ref[0]), 0U);
   log.expect_error(CR_STATUS_NOT_FOUND, "set_retention: get po failed for gone");
   log.expect_error(CR_STATUS_NOT_FOUND, "get_retention: get po failed for gone");
+  start_afresh(false);
+  store(77);
+  EXPECT_EQ(db.set_retention("IMG", RETENTION_IMMUTABLE, 0), CR_STATUS_OK);
   EXPECT_EQ(sql("SELECT basename FROM po"), RawRows{{"img"}});
 }
 
@@ -177,6 +180,7 @@ TEST_F(Retention, NeedsTheClockOfTheMountPointForLocksAndTheirReports) {
     const char* line;
   } cases[] = {{"/opt/m\nrest", "/opt/m", CR_STATUS_OK, 0, ""},
                {"", standard, CR_STATUS_OK, 0, ""},
+               {"/opt/gone\n", standard, CR_STATUS_OK, 0, ""},
                {"/opt/" + std::string(5000, 'a'), standard, CR_STATUS_OK, 0, ""},
                {"/opt/m\n", "/opt/other", CR_STATUS_NOT_PROVIDED, ENOENT,
                 "get_compclk: compliance clock mount point is not existing"},
@@ -198,6 +202,7 @@ TEST_F(Retention, NeedsTheClockOfTheMountPointForLocksAndTheirReports) {
       timeval now{1, 1};
       EXPECT_EQ(get_compclk(&now), c.status);
       EXPECT_EQ(now.tv_sec, c.status == CR_STATUS_OK ? 4711 : 1);
+      EXPECT_EQ(now.tv_usec, c.status == CR_STATUS_OK ? 0 : 1);
       EXPECT_EQ(set(RETENTION_LOCK, 99999), c.status);
       EXPECT_EQ(info(c.status).worm_flags, c.status == CR_STATUS_OK ? WORM_LOCKED : 0);
       if (c.status != CR_STATUS_OK) {
