@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <ctime>
 #include <memory>
@@ -110,19 +111,25 @@ class Walk {
     path_.resize(length);
   }
 
-  // Examined by path, as the deletion is; the system refuses one that is too long, which is never
-  // cut: it could then name its own directory or another file. Entered through the parent, and
-  // never by a symbolic link that has taken the directory's place since: that could lead out of the
-  // tree.
+  // Looked at and entered through its parent, and never by a symbolic link: one that has taken a
+  // directory's place since could lead out of the tree. A path that is too long is never cut: it
+  // could then name its own directory or another file.
   void clean_examined(const Rule& rule, int parent, const char* name) {
     struct stat info {};
-    if (lstat(path_.c_str(), &info) != 0) return;
+    if (path_.size() >= PATH_MAX || fstatat(parent, name, &info, AT_SYMLINK_NOFOLLOW) != 0) return;
     if (S_ISREG(info.st_mode)) {
-      if (rule.takes(path_.c_str(), info)) zel_unlink(path_.c_str());
+      if (rule.takes(path_.c_str(), info) && still_leads_to(info)) zel_unlink(path_.c_str());
     } else if (S_ISDIR(info.st_mode) && descend_) {
       clean_directory(rule.below(name), parent, name, O_NOFOLLOW);
-      zel_rmdir(path_.c_str());
+      if (still_leads_to(info)) zel_rmdir(path_.c_str());
     }
+  }
+
+  // Deletion goes by the whole path, on which a directory may have been swapped meanwhile.
+  bool still_leads_to(const struct stat& examined) const {
+    struct stat info {};
+    return lstat(path_.c_str(), &info) == 0 && info.st_dev == examined.st_dev &&
+           info.st_ino == examined.st_ino;
   }
 
   std::string path_;  // of what is looked at

@@ -1,22 +1,30 @@
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <climits>
 #include <ctime>
 #include <fstream>
 #include <functional>
 #include <set>
+#include <utility>
 
 #include "libcrsrv/common.h"
+#include "tests/support/log_capture.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
 constexpr time_t kNow = 1'700'000'000;
 constexpr time_t kDay = 86400;
+std::function<void()> meanwhile;  // happens once, while a file's age is told
 }  // namespace
 
-extern "C" time_t time(time_t*) noexcept { return kNow; }
+extern "C" time_t time(time_t*) noexcept {
+  if (meanwhile) std::exchange(meanwhile, nullptr)();
+  return kNow;
+}
 
 namespace {
 
@@ -77,21 +85,66 @@ TEST(LogCleanup, RemovesExactlyWhatIsOverItsLimit) {
 }
 
 TEST(LogCleanup, DoesNotFollowALinkThatTookTheDirectorysPlace) {
-  static std::string place, target;
+  static bool at_once = false;
+  static std::function<void()> swap;
+  for (const bool before_descent : {true, false}) {
+    const Tree tree;
+    const Tree outside;
+    const TempDir aside;
+    at_once = before_descent;
+    swap = [&] {
+      fs::rename(tree.dir.path("abc"), aside.path("abc"));
+      fs::create_symlink(outside.dir.path("abc"), tree.dir.path("abc"));
+    };
+    SDCleanLogs(tree.dir.path().c_str(), 10, 1, 0, [](const char* name) {
+      if (name == std::string("abc")) at_once ? swap() : std::swap(meanwhile, swap);
+      return 10;
+    });
+    EXPECT_TRUE(fs::is_symlink(tree.dir.path("abc")));
+    EXPECT_TRUE(fs::exists(outside.dir.path("abc/old"))) << before_descent;
+  }
+}
+
+TEST(LogCleanup, PassesOverPathsThatAreTooLong) {
+  const TempDir dir;
+  LogCapture log(refhost::LogLevel::Trace);
+  const std::string name(255, 'x');
+  int at = open(dir.path().c_str(), O_DIRECTORY);
+  for (std::size_t length = 0; length < PATH_MAX; length += name.size() + 1) {
+    ASSERT_EQ(mkdirat(at, name.c_str(), 0700), 0);
+    const int below = openat(at, name.c_str(), O_DIRECTORY);
+    close(std::exchange(at, below));
+  }
+  close(openat(at, "old", O_CREAT | O_WRONLY, 0600));
+  const timespec times[2] = {};
+  EXPECT_EQ(utimensat(at, "old", times, 0), 0);
+  SDCleanLogs(dir.path().c_str(), 1, 1, 1, nullptr);
+  EXPECT_EQ(faccessat(at, "old", F_OK, 0), 0);
+  close(at);
+  for (const std::string& line : log.messages(refhost::LogLevel::Trace)) {
+    EXPECT_EQ(line.find("expired"), std::string::npos);
+  }
+}
+
+TEST(LogCleanup, TellsWhatItDoesInTraces) {
   const Tree tree;
-  const TempDir outside;
-  place = tree.dir.path("abc");
-  target = outside.path("abc");
-  fs::rename(place, target);
-  fs::create_directory(place);
-  SDCleanLogs(tree.dir.path().c_str(), 10, 1, 0, [](const char* name) {
-    if (name == std::string("abc")) {
-      fs::remove(place);
-      fs::create_symlink(target, place);
-    }
-    return 10;
-  });
-  EXPECT_TRUE(fs::exists(outside.path("abc/old")));
+  const std::string root = tree.dir.path();
+  const std::string abc = root + "/abc";
+  fs::create_symlink("old", abc + "/link");  // passed over, untold
+  LogCapture log(refhost::LogLevel::Trace);
+  SDCleanKeyLogs(abc.c_str(), "b", 10, 1);
+  SDCleanLogs(root.c_str(), 10, 0, 0, nullptr);
+  SDCleanLogs((root + "/none").c_str(), 0, 0, 0, nullptr);
+  SDCleanKeyLogs((root + "/none").c_str(), "b", 1, -1);
+  EXPECT_THAT(
+      log.messages(refhost::LogLevel::Trace),
+      testing::UnorderedElementsAre(
+          "SDCleanKeyLogs: path=" + abc + ", key=b, maxdays=10, descend=1",
+          "SDCleanKeyLogs: " + abc + "/old: expired", "SDCleanKeyLogs: " + abc + "/young: skipping",
+          "SDCleanLogs: " + root + ", maxdays=10", root + "/old: expired",
+          "SDCleanLogs: " + root + "/none, maxdays=0", root + "/none: No such file or directory",
+          "SDCleanKeyLogs: path=" + root + "/none, key=b, maxdays=1, descend=-1",
+          "SDCleanKeyLogs: " + root + "/none: No such file or directory"));
 }
 
 }  // namespace
