@@ -33,6 +33,17 @@ TEST(Threads, AreJoinableUnlessDetachedIsExactlyOneAndGetTheirStack) {
   EXPECT_EQ(pthread_join(thread, nullptr), EINVAL);
 }
 
+TEST(Modes, AreOneBitEachWithTextsOfTheirOwnForLogsAndStatus) {
+  for (const std::int32_t none : {0, 0x18, 0x80, 0x4000000, -1}) {
+    EXPECT_STREQ(SDModeToString(none), "unknown") << none;
+    EXPECT_STREQ(SDModeToStatString(none), "unknown") << none;
+  }
+  EXPECT_STREQ(SDModeToString(0x10), "stopped");
+  EXPECT_STREQ(SDModeToStatString(0x10), "SHUTDOWN");
+  EXPECT_STREQ(SDModeToString(0x800), "task cleanup");
+  EXPECT_STREQ(SDModeToStatString(0x800), "REAP_CHILDS");
+}
+
 TEST(CatalogPaths, HoldADatabaseOrLieThreeLevelsBelowTheCatalog) {
   const TempDir dir;
   for (const char* path : {"a/catalog/x/catalog/A/B/C/D", "catalogs/A/B/C", "db"}) {
@@ -50,6 +61,10 @@ TEST(CatalogPaths, HoldADatabaseOrLieThreeLevelsBelowTheCatalog) {
                                                 {"db", true}};
   for (const auto& [path, expected] : cases)
     EXPECT_EQ(IsPodbPath(dir.path(path)), expected) << path;
+  std::string id = "x";
+  std::string image = "y";
+  EXPECT_EQ(basename2backupid("", id, image), 0);
+  EXPECT_EQ(id + image, "");
 }
 
 }  // namespace

@@ -1,4 +1,6 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/prctl.h>
 
 #include <csignal>
@@ -32,7 +34,7 @@ pid_t started_daemon() {
 
 TEST(DaemonStart, AdmitsOneInstanceWhoseLockEndsWithIt) {
   in_private_mounts({"/var/run"}, [] {
-    LogCapture log;
+    LogCapture log(refhost::LogLevel::Trace);
     for (int round = 0; round < 2; ++round) {
       const pid_t daemon = started_daemon();
       ASSERT_GT(daemon, 0);
@@ -44,6 +46,19 @@ TEST(DaemonStart, AdmitsOneInstanceWhoseLockEndsWithIt) {
       while (waitpid(-1, nullptr, 0) != daemon) continue;
       EXPECT_EQ(SDDaemonActive("d"), CR_STATUS_OK);
     }
+    // Nobody knows who holds a lock whose file tells no pid.
+    const int held = open("/var/run/f.pid", O_CREAT | O_RDWR, 0600);
+    ASSERT_EQ(flock(held, LOCK_EX), 0);
+    EXPECT_EQ(SDDaemonActive("f"), CR_STATUS_HELD);
+    log.expect_error(CR_STATUS_HELD, "f: a conflicting instance is currently active (pid = )\n");
+    std::filesystem::create_symlink("f.pid", "/var/run/g.pid");
+    EXPECT_EQ(SDDaemonStart("g", 1), CR_STATUS_FAILED);
+    log.expect_error(CR_STATUS_FAILED, "g: lock test failure (operation failed).");
+    const auto before = std::filesystem::current_path();
+    EXPECT_EQ(SDDaemonStart("h", 1), CR_STATUS_OK);
+    EXPECT_EQ(std::filesystem::current_path(), before);
+    log.expect(refhost::LogLevel::Trace, CR_STATUS_NONE,
+               "Daemon started, PID = " + std::to_string(getpid()));
     ASSERT_EQ(mount("tmpfs", "/var/run", "tmpfs", MS_RDONLY, nullptr), 0);
     EXPECT_EQ(SDDaemonStart("e", 1), CR_STATUS_FAILED);
     log.expect_error(CR_STATUS_FAILED,

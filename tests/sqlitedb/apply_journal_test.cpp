@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <boost/algorithm/string/predicate.hpp>
 #include <fstream>
 
 #include "sqlitedb/sqlite_wrapper.h"
@@ -72,17 +73,31 @@ TEST(ApplyJournal, StaysWithinItsDatabaseDuringAReplayOnly) {
   }
 }
 
-TEST(ApplyJournal, CutAtAnyByteKeepsItsWholeLines) {
+TEST(ApplyJournal, CutAtAnyByteKeepsItsWholeLinesAndTellsOfAFailedOne) {
+  using boost::algorithm::ends_with;
   const std::string line = "REPLACE INTO t VALUES (1, 'drop;''');\n";
   const std::string journal = line + "REPLACE INTO t VALUES (2, '\"');\n";
   for (std::size_t cut = 0; cut <= journal.size(); ++cut) {
     for (const bool whole_first : {false, true}) {
+      SCOPED_TRACE(std::to_string(cut) + (whole_first ? " in a batch" : " by line"));
       LogCapture log;
       Db db;
-      db.replay(journal.substr(0, cut), whole_first);
-      // A batch takes a statement that lacks nothing but its end.
+      const std::string text = journal.substr(0, cut);
+      const cr_status_t status = db.replay(text, whole_first);
+      const bool failed = !log.messages(refhost::LogLevel::Error).empty();
+      // By line what follows the last ";" does not count; that ";" may be one within a text.
+      const std::string lines = text.substr(0, text.rfind(';') + 1);
+      cr_status_t expected = ends_with(lines, ");") ? CR_STATUS_OK
+                             : lines.empty()        ? CR_STATUS_BAD_ARG
+                                                    : CR_STATUS_FAILED;
+      // A batch takes a statement that lacks nothing but its end. One that lacks more fails, unless
+      // it is a syntax error: that leads to the lines.
+      if (whole_first && (text.empty() || ends_with(text, ")"))) expected = CR_STATUS_OK;
+      EXPECT_EQ(status, whole_first && failed ? CR_STATUS_FAILED : expected);
       const std::size_t end = cut + (whole_first ? 2 : 1);
-      EXPECT_EQ(db.ids(), end >= journal.size() ? "012" : end >= line.size() ? "01" : "0") << cut;
+      EXPECT_EQ(db.ids(), end >= journal.size() ? "012" : end >= line.size() ? "01" : "0");
+      std::string damage;
+      EXPECT_TRUE(db.run_integrity_check(damage) && !db.in_transaction()) << damage;
       log.clear();
     }
   }
@@ -100,7 +115,36 @@ TEST(ApplyJournal, TellsWhatItCouldNotReadOrRun) {
   EXPECT_EQ(db.exec_file(file, false), CR_STATUS_BAD_ARG);
   log.expect_info(CR_STATUS_BAD_ARG,
                   "Could not execute the SQL statement INSERTED; in the journal file " + file);
+  log.expect_info(CR_STATUS_NONE,
+                  "[SQL SYNTAX ERROR]: [[[\"INSERTED;\"]]] near \"INSERTED\": syntax error");
   EXPECT_EQ(db.ids(), "07");
+  std::ofstream(file) << "nothing";
+  EXPECT_EQ(db.exec_file(file, false), CR_STATUS_BAD_ARG);
+  log.expect_info(CR_STATUS_BAD_ARG,
+                  "Failed to find a ';' character in the the contents of " + file);
+  std::ofstream(file) << "SELECT missing;";
+  EXPECT_EQ(db.exec_file(file, true), CR_STATUS_FAILED);
+  EXPECT_EQ(db.exec_file(file, false), CR_STATUS_FAILED);
+  log.expect_error(CR_STATUS_FAILED, "Failed to execute the contents of " + file);
+  for (int i = 0; i < 2; ++i) {
+    log.expect_error(CR_STATUS_FAILED,
+                     ":memory:: failed to execute [[[\"SELECT missing;\"]]] (1:no such column: "
+                     "missing)");
+  }
+}
+
+TEST(ApplyJournal, HandsOnDamageAndStaysConfinedNoLongerThanTheReplay) {
+  const TempDir dir;
+  std::ofstream(dir.path("j.db")) << std::string(4096, 'x');
+  LogCapture log;
+  sqlitedb::SQLiteApplyJournal db(dir.path("j.db"));
+  std::string journal = "SELECT * FROM t;";
+  EXPECT_EQ(db.exec_file_content("j", journal, true), CR_STATUS_NOT_FOUND);
+  log.clear();
+  ASSERT_EQ(db.open_db(), CR_STATUS_OK);
+  EXPECT_THROW(db.exec_file_content("j", journal, true), sqlitedb::db_exception);
+  log.clear();
+  EXPECT_EQ(db.exec("PRAGMA foreign_keys = 1", nullptr), CR_STATUS_OK);
 }
 
 }  // namespace
