@@ -162,8 +162,14 @@ class POCATALOG_API sqlite3_wrapper {
 // replay unless the caller opened one, and a batch that fails half way has applied its first half
 // before the lines are applied: the statements must bear to be applied twice.
 //
+// A batch also runs a last statement that lacks its ";": where a journal may have been cut short,
+// that statement may lack its WHERE as well, and only line by line is it left alone. A journal's
+// own transaction may stay open, above all line by line, where a line END; is too short to be run:
+// see in_transaction.
+//
 // A journal comes from elsewhere, so while one is replayed SQLite refuses to attach or detach
-// files, to load extensions and to run pragmas; such a statement fails like any other.
+// files (VACUUM attaches one), to load extensions and to run pragmas; such a statement fails like
+// any other.
 class POCATALOG_API SQLiteApplyJournal : public sqlite3_wrapper {
  public:
   using sqlite3_wrapper::sqlite3_wrapper;

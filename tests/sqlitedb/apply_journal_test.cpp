@@ -144,7 +144,7 @@ TEST(ApplyJournal, HandsOnDamageAndStaysConfinedNoLongerThanTheReplay) {
   ASSERT_EQ(db.open_db(), CR_STATUS_OK);
   EXPECT_THROW(db.exec_file_content("j", journal, true), sqlitedb::db_exception);
   log.clear();
-  EXPECT_EQ(db.exec("PRAGMA foreign_keys = 1", nullptr), CR_STATUS_OK);
+  EXPECT_EQ(db.exec("PRAGMA foreign_keys = 1;", nullptr), CR_STATUS_OK);
 }
 
 }  // namespace
