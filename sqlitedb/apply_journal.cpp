@@ -6,6 +6,7 @@
 #include <locale>
 
 #include "host/log.h"
+#include "sqlitedb/durable_internal.h"
 #include "sqlitedb/failure_internal.h"
 #include "sqlitedb/sql_file_internal.h"
 #include "sqlitedb/sqlite_wrapper.h"
@@ -15,14 +16,15 @@ namespace sqlitedb {
 namespace {
 
 // Asked by SQLite for every action of a statement that it prepares.
-int authorize(void*, int action, const char*, const char* function, const char*, const char*) {
+int authorize(void*, int action, const char* first, const char* second, const char*, const char*) {
   switch (action) {
     case SQLITE_ATTACH:
     case SQLITE_DETACH:
-    case SQLITE_PRAGMA:
       return SQLITE_DENY;
+    case SQLITE_PRAGMA:  // the connection's own comes with its first statement
+      return is_durable_setting(first, second) ? SQLITE_OK : SQLITE_DENY;
     case SQLITE_FUNCTION:
-      return boost::algorithm::iequals(function, "load_extension", std::locale::classic())
+      return boost::algorithm::iequals(second, "load_extension", std::locale::classic())
                  ? SQLITE_DENY
                  : SQLITE_OK;
     default:

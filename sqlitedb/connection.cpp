@@ -134,8 +134,7 @@ cr_status_t sqlite3_wrapper::open_db() {
 cr_status_t sqlite3_wrapper::open_db(const std::string& path) {
   if (db != nullptr && close_db(kCloseRetries) != CR_STATUS_OK) {
     // Kept, the old connection would answer for the new path: rows would go into another database.
-    db = nullptr;
-    opened = false;
+    forget_handle();
   }
   dbfile = path;
   return open_db();
@@ -148,16 +147,19 @@ cr_status_t sqlite3_wrapper::checkopen() {
   return open_db();
 }
 
+void sqlite3_wrapper::forget_handle() {
+  db = nullptr;
+  opened = false;
+  durable = false;
+}
+
 cr_status_t sqlite3_wrapper::close_db(unsigned long retries) {
   InfoA(CR_STATUS_OK, "Close SQLite database %s", dbfile.c_str());
   cr_status_t status = CR_STATUS_OK;
   if (db != nullptr) {
     status = catching_db_exception("close_db", [&] { return close_handle(dbfile, db, retries); });
   }
-  if (status == CR_STATUS_OK) {
-    db = nullptr;
-    opened = false;
-  }
+  if (status == CR_STATUS_OK) forget_handle();
   return status;
 }
 

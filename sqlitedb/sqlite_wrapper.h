@@ -44,9 +44,13 @@ class POCATALOG_API db_exception {
 // One connection to one database file. Failures come back as statuses; corruption alone is thrown,
 // by the operations that say so. A subclass supplies the schema and takes the rows.
 //
+// A file may come from elsewhere: its views cannot be read (CR_STATUS_FAILED), its triggers do not
+// fire, and functions in its definitions are limited to harmless ones. What is no regular file
+// cannot be opened.
+//
 // The object owns its connection and closes it. It holds no lock and is used by one thread at a
 // time; connections to one file meet through SQLite's locks, a busy timeout of 10 seconds and the
-// retries of the transaction operations.
+// retries of the transaction operations. A commit that is acknowledged outlives a power failure.
 //
 // Operations that need a connection answer CR_STATUS_NOT_FOUND, after one log line, while there is
 // none, unless they say otherwise. Failing statements are logged once with their SQL, cut at 1024
@@ -150,9 +154,13 @@ class POCATALOG_API sqlite3_wrapper {
   // What exec hands through SQLite to exec_callback: an exception of a row hook travels in it.
   struct exec_context;
 
+  void forget_handle();
+  int prepare_to_commit(char** error);
   cr_status_t run_transaction_statement(const char* operation, const char* sql);
   static int exec_callback(void* context, int ncols, char** values, char** names);
   static int count_callback(void* out, int ncols, char** values, char** names);
+
+  bool durable = false;  // the connection's commits outlive a power failure
 };
 
 // Replays journals: files of SQL, one statement on a line and each ending with ";".

@@ -2,6 +2,7 @@
 #include <sqlite3.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <memory>
 
@@ -18,6 +19,16 @@ struct FreeBySQLite {
   void operator()(char* text) const { sqlite3_free(text); }
 };
 using SQLiteText = std::unique_ptr<char, FreeBySQLite>;
+
+// Whether `sql` is one statement that, by its first word, commits nothing.
+bool only_reads(const std::string& sql) {
+  const std::string::size_type end = sql.find(';');
+  if (end != std::string::npos && end + 1 < sql.size()) return false;
+  const auto begins_with = [&](const char* word) {
+    return sqlite3_strnicmp(sql.c_str(), word, static_cast<int>(std::strlen(word))) == 0;
+  };
+  return sql.empty() || begins_with("SELECT") || begins_with("PRAGMA");
+}
 
 std::string error_text(const SQLiteText& text) { return text ? text.get() : "null"; }
 
@@ -58,7 +69,8 @@ cr_status_t sqlite3_wrapper::exec(const std::string& sql, void* arg) {
 int sqlite3_wrapper::run_statements(const std::string& sql, void* arg, std::string& error) {
   exec_context context{this, arg, nullptr};
   char* text = nullptr;
-  const int rc = sqlite3_exec(db, sql.c_str(), exec_callback, &context, &text);
+  int rc = only_reads(sql) ? SQLITE_OK : prepare_to_commit(&text);
+  if (rc == SQLITE_OK) rc = sqlite3_exec(db, sql.c_str(), exec_callback, &context, &text);
   error = error_text(SQLiteText(text));
   if (context.thrown) std::rethrow_exception(context.thrown);
   return rc;

@@ -5,6 +5,7 @@
 
 #include "host/files.h"
 #include "host/log.h"
+#include "sqlitedb/durable_internal.h"
 #include "sqlitedb/failure_internal.h"
 #include "sqlitedb/open_internal.h"
 #include "uldb/sqlite_uldb_internal.h"
@@ -123,7 +124,8 @@ cr_status_t SQLiteULDB::db_exec_imp(const char* sql, bool& retry) {
 
 int SQLiteULDB::run_sql(const char* operation, const char* sql) {
   char* text = nullptr;
-  const int rc = sqlite3_exec(db, sql, nullptr, nullptr, &text);
+  int rc = sqlitedb::make_commits_durable(db, &text);
+  if (rc == SQLITE_OK) rc = sqlite3_exec(db, sql, nullptr, nullptr, &text);
   const std::unique_ptr<char, FreeBySQLite> error(text);
   if (rc == SQLITE_OK) return rc;
   ErrorA(failure_status(rc), "%s: %s: failed to execute \"%s\", (%s)", operation,

@@ -12,11 +12,11 @@
 namespace {
 
 constexpr StatementTexts kRead = {"get_imp", "SELECT udcids FROM utable WHERE poid = ?",
-                                  "prepare SQL", "step "};
+                                  "prepare SQL", "step ", false};
 constexpr StatementTexts kWrite = {"put_imp", "INSERT OR REPLACE INTO utable VALUES( ?, ? )",
-                                   "prepare ", "step SQL "};
+                                   "prepare ", "step SQL ", true};
 constexpr StatementTexts kDelete = {"del_imp", "DELETE FROM utable WHERE poid = ?", "prepare ",
-                                    "step SQL "};
+                                    "step SQL ", true};
 using RecordPtr = std::unique_ptr<UDCIDRecord>;
 
 // Runs `work` on a prepared statement. The error policy may drop the database, so the statement is

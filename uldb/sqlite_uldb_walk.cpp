@@ -11,7 +11,7 @@
 namespace {
 
 constexpr StatementTexts kReadAll = {"get_all_imp", "SELECT * FROM utable ORDER BY poid ASC ",
-                                     "prepare SQL", "step "};
+                                     "prepare SQL", "step ", false};
 
 // One row of the walk. What is not the text that a POID is, whole, cannot be asked for by it.
 cr_status_t read_row(const Statement& row, std::unique_ptr<UDCIDRecord>& record) {

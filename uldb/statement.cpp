@@ -4,6 +4,7 @@
 #include <new>
 
 #include "host/log.h"
+#include "sqlitedb/durable_internal.h"
 #include "uldb/sqlite_uldb_internal.h"
 
 cr_status_t decode(const Blob& blob, std::unique_ptr<UDCIDRecord>& record) {
@@ -21,7 +22,8 @@ Statement::Statement(sqlite3* connection, const std::string& path, const Stateme
 
 cr_status_t Statement::prepare() {
   sqlite3_stmt* made = nullptr;
-  judged_ = sqlite3_prepare_v2(db_, texts_.sql, -1, &made, nullptr);
+  if (texts_.writes) judged_ = sqlitedb::make_commits_durable(db_, nullptr);
+  if (judged_ == SQLITE_OK) judged_ = sqlite3_prepare_v2(db_, texts_.sql, -1, &made, nullptr);
   statement_.reset(made);
   return judged_ == SQLITE_OK ? CR_STATUS_OK : failed(judged_, texts_.prepare, texts_.sql);
 }

@@ -15,6 +15,7 @@ struct StatementTexts {
   const char* sql;
   const char* prepare;  // "failed to <this>[SQL]"
   const char* step;
+  bool writes;
 };
 
 struct Blob {
