@@ -47,15 +47,16 @@ class POCATALOG_API PODBPool {
   std::shared_ptr<PODB> get_podb(const std::string& dir);
 
   // Closes the database of a directory, which stays in the pool and opens again when it is used. 0
-  // when there is none, otherwise what its close_db(flags) returns.
+  // when there is none, otherwise what its close_db(flags) returns. What was not committed is lost:
+  // the transaction counts as active, and cannot be committed, until somebody rolls it back.
   cr_status_t close_podb(const std::string& dir, unsigned int flags);
 
   // Commits every open transaction, in the order of the directories. Stops at the first failure and
   // returns its status; the transactions after it stay open.
   cr_status_t commit_all();
 
-  // Closes every database, in the order of the directories; all stay in the pool. Stops at the
-  // first failure and returns its status; the databases after it stay open.
+  // Closes every database as close_podb, in the order of the directories. Stops at the first failure
+  // and returns its status; the databases after it stay open.
   cr_status_t close_all();
 
   // Whether the entry of that full path exists, as PODB::exists tells it of the directory's

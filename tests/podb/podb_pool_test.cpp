@@ -106,7 +106,11 @@ TEST_F(PodbPool, keeps_what_it_closes_for_further_use) {
     EXPECT_TRUE(pool.exists_po(root.path("d/f")));
     EXPECT_FALSE(pool.exists_po(root.path("d/g")));
   }
-  EXPECT_EQ(pool.close_podb(root.path("x"), 0) + pool.commit_all(), CR_STATUS_OK);
+  EXPECT_EQ(held->begin_transaction() + pool.close_all(), CR_STATUS_OK);
+  EXPECT_NE(pool.commit_all(), CR_STATUS_OK) << "what was to be committed is lost";
+  EXPECT_EQ(held->rollback_transaction() + pool.commit_all(), CR_STATUS_OK);
+  log.clear();
+  EXPECT_EQ(pool.close_podb(root.path("x"), 0), CR_STATUS_OK);
   EXPECT_FALSE(pool.exists_po(root.path("y/f")));
   EXPECT_EQ(pool.get_item_count(), 2U);
 }

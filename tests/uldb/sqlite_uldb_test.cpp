@@ -22,7 +22,7 @@ namespace {
 // `code` in place of its work unless that is SQLITE_OK.
 struct {
   std::string function;
-  int code, countdown;
+  int code = SQLITE_OK, countdown = 0;
   std::function<void()> meanwhile = nullptr;
 } failing;
 int asked_timeout = 0;
