@@ -1,0 +1,185 @@
+// Many processes, and a pool's threads, update the same directories at once: nothing is lost, and
+// nobody waits for long.
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <mutex>
+#include <random>
+#include <thread>
+
+#include "po/file_po.h"
+#include "podb/podb_pool.h"
+#include "refhost/control.h"
+#include "tests/crash/lane.h"
+#include "tests/support/intact.h"
+#include "tests/support/temp_dir.h"
+
+namespace {
+
+constexpr unsigned int kProcesses = 16, kThreads = 8, kDirectories = 3;
+constexpr unsigned int kWriters = kProcesses + kThreads;
+constexpr const char* kShared = "shared";  // the entry of a directory that all writers replace
+
+// What the processes share: counters, and how long each update waited for its turn, in
+// microseconds.
+struct Tally {
+  std::atomic<unsigned int> waits_taken, failures;
+  std::atomic<int> first_failure;
+  std::array<std::array<unsigned long, kDirectories>, kWriters> updates;
+  unsigned int waits[1];  // as many as there are updates
+};
+
+class Load : public testing::Test {
+ protected:
+  void SetUp() override {
+    work_in_memory();
+    root_ = std::make_unique<TempDir>();
+    size_ = sizeof(Tally) + kWriters * updates_ * sizeof(unsigned int);
+    void* shared = mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(shared, MAP_FAILED);
+    tally_ = static_cast<Tally*>(shared);
+    refhost::set_log_level(refhost::LogLevel::Error);
+  }
+  void TearDown() override { munmap(tally_, size_); }
+
+  std::string directory(unsigned int number) const {
+    return root_->path("5/c/p" + std::to_string(number));
+  }
+
+  // Adds one to the size of the shared entry and replaces the writer's own.
+  void update(PODB& database, unsigned int writer, unsigned int number,
+              std::chrono::steady_clock::time_point asked) {
+    must(database.begin_transaction());
+    note_wait(asked);
+    FilePO shared(5U);
+    const cr_status_t found = database.get(kShared, &shared);
+    if (found != CR_STATUS_NOT_FOUND) must(found);
+    apply(database, kShared, 1 + (found == CR_STATUS_OK ? shared.get_size() : 0));
+    const unsigned long mine = tally_->updates[writer][number] + 1;
+    apply(database, "writer" + std::to_string(writer), mine);
+    must(database.commit_transaction());
+    tally_->updates[writer][number] = mine;
+  }
+
+  void write_alone(unsigned int writer) {
+    std::vector<std::unique_ptr<SQLitePODB>> databases;
+    for (unsigned int number = 0; number < kDirectories; ++number) {
+      databases.push_back(std::make_unique<SQLitePODB>(root_->path(), directory(number)));
+    }
+    std::mt19937 random(writer);
+    for (unsigned long count = 0; count < updates_; ++count) {
+      const auto number = static_cast<unsigned int>(random() % kDirectories);
+      update(*databases[number], writer, number, std::chrono::steady_clock::now());
+    }
+  }
+
+  // Those who share a database of the pool take turns.
+  void write_through(PODBPool& pool, std::array<std::mutex, kDirectories>& turns,
+                     unsigned int writer) {
+    std::mt19937 random(writer);
+    for (unsigned long count = 0; count < updates_; ++count) {
+      const auto number = static_cast<unsigned int>(random() % kDirectories);
+      const auto asked = std::chrono::steady_clock::now();
+      const auto database = pool.get_podb(directory(number));
+      const std::lock_guard<std::mutex> turn(turns[number]);
+      update(*database, writer, number, asked);
+    }
+  }
+
+  void use_pool() {
+    PODBPool pool(kDirectories);
+    pool.init(root_->path(), new SQLitePODBFactory);
+    std::array<std::mutex, kDirectories> turns;
+    std::vector<std::thread> threads;
+    for (unsigned int thread = 0; thread < kThreads; ++thread) {
+      threads.emplace_back([&, thread] { write_through(pool, turns, kProcesses + thread); });
+    }
+    for (std::thread& thread : threads) thread.join();
+  }
+
+  void must_be_complete(unsigned int number) {
+    EXPECT_EQ(intact::faults_of(directory(number)), intact::Faults());
+    SQLitePODB database(root_->path(), directory(number));
+    const auto size = [&](const std::string& name) {
+      FilePO entry(5U);
+      return database.get(name, &entry) == CR_STATUS_OK ? entry.get_size() : 0;
+    };
+    unsigned long all = 0;
+    for (unsigned int writer = 0; writer < kWriters; ++writer) {
+      EXPECT_EQ(size("writer" + std::to_string(writer)), tally_->updates[writer][number]);
+      all += tally_->updates[writer][number];
+    }
+    EXPECT_EQ(size(kShared), all);
+  }
+
+  const unsigned long updates_ = sized("POCATALOG_LOAD_UPDATES", 250);
+  std::unique_ptr<TempDir> root_;
+  std::size_t size_ = 0;
+  Tally* tally_ = nullptr;
+
+ private:
+  void must(cr_status_t status) {
+    if (status == CR_STATUS_OK) return;
+    if (tally_->failures++ == 0) tally_->first_failure = status;
+  }
+
+  void note_wait(std::chrono::steady_clock::time_point asked) {
+    const auto wait = std::chrono::steady_clock::now() - asked;
+    tally_->waits[tally_->waits_taken++] = static_cast<unsigned int>(
+        std::chrono::duration_cast<std::chrono::microseconds>(wait).count());
+  }
+
+  // An entry displaces its former self.
+  void apply(PODB& database, const std::string& name, unsigned long size) {
+    auto fields = file_fields(name, make_poid(size), size, "/c/p");
+    fields.dsid = 5;
+    FilePO entry(text_of(fields));
+    ds_info_t info{};
+    std::vector<PO*> removed, listed;
+    std::string action;
+    must(static_cast<cr_status_t>(entry.update(&database, info, removed, listed, action)));
+    for (const PO* old : removed) delete old;
+  }
+};
+
+TEST_F(Load, loses_no_update_and_lets_nobody_wait_for_30_seconds) {
+  for (unsigned int number = 0; number < kDirectories; ++number) {
+    SQLitePODB database(root_->path(), directory(number));
+    ASSERT_EQ(database.check_db_existence(true), CR_STATUS_OK);
+  }
+  const auto start = std::chrono::steady_clock::now();
+  std::vector<pid_t> children;
+  for (unsigned int process = 0; process <= kProcesses; ++process) {
+    children.push_back(fork());
+    if (children.back() != 0) continue;
+    process < kProcesses ? write_alone(process) : use_pool();
+    _exit(0);
+  }
+  for (const pid_t child : children) {
+    int status = 0;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+  }
+  const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+
+  EXPECT_EQ(tally_->failures, 0U) << "the first with status " << tally_->first_failure;
+  const unsigned int all = tally_->waits_taken;
+  ASSERT_EQ(all, kWriters * updates_);
+  std::sort(tally_->waits, tally_->waits + all);
+  const auto wait_of = [&](double part) {
+    return tally_->waits[static_cast<unsigned int>(part * (all - 1))] / 1000.0;
+  };
+  std::printf(
+      "%u updates in %.1f s; waited %.1f ms (50 %%), %.1f ms (99 %%), %.1f ms (99.9 %%), "
+      "%.1f ms (longest)\n",
+      all, took.count(), wait_of(0.5), wait_of(0.99), wait_of(0.999), wait_of(1));
+  EXPECT_LT(wait_of(1), 30000);
+  for (unsigned int number = 0; number < kDirectories; ++number) must_be_complete(number);
+}
+
+}  // namespace
