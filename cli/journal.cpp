@@ -26,6 +26,15 @@ struct Result {
   std::int64_t changes = 0;  // rows, counted each time
 };
 
+// The statement that an administrator looks for; empty for a whole batch.
+std::string shown_statement(const std::string& sql) {
+  constexpr std::size_t kLongest = 200;
+  const std::string line = sql.substr(0, sql.find_last_not_of('\n') + 1);
+  if (line.find('\n') != std::string::npos) return "";
+  return printable(line.substr(0, kLongest)) + (line.size() > kLongest ? "...: " : ": ");
+}
+
+// Remembers what failed: nobody is to apply a journal once more to find that out.
 class Replay : public sqlitedb::SQLiteApplyJournal {
  public:
   using SQLiteApplyJournal::SQLiteApplyJournal;
@@ -33,7 +42,18 @@ class Replay : public sqlitedb::SQLiteApplyJournal {
   Replay& operator=(const Replay&) = delete;
   ~Replay() override = default;
 
+  cr_status_t exec(const std::string& sql, void* arg) override {
+    const cr_status_t status = SQLiteApplyJournal::exec(sql, arg);
+    if (status != CR_STATUS_OK) failure_ = shown_statement(sql) + printable(sqlite3_errmsg(db));
+    return status;
+  }
+
   std::int64_t changes() const { return sqlite3_total_changes64(db); }
+  // "STATEMENT: what SQLite says", of the last one that failed; empty when none did.
+  const std::string& failure() const { return failure_; }
+
+ private:
+  std::string failure_;
 };
 
 cr_status_t read_journal(const std::string& file, std::string* content, std::string* why) {
@@ -45,13 +65,19 @@ cr_status_t read_journal(const std::string& file, std::string* content, std::str
   return content->find('\0') == std::string::npos ? CR_STATUS_OK : CR_STATUS_BAD_DATA;
 }
 
-Result result_of(cr_status_t status, std::int64_t changes) {
+Result result_of(cr_status_t status, const Replay& journal) {
+  const std::int64_t changes = journal.changes();
   if (status == CR_STATUS_OK) return {status, "", kDone, changes};
-  if (status == CR_STATUS_BAD_ARG) {
-    return {status, "lines that are no SQL were passed over; -v names them", kIncomplete, changes};
+  if (status != CR_STATUS_BAD_ARG) {
+    return {status,
+            "stopped at a statement that failed, those before it are applied: " + journal.failure(),
+            kFailed, changes};
   }
-  return {status, "stopped at a statement that failed, those before it are applied; -v names it",
-          kFailed, changes};
+  const std::string& failure = journal.failure();
+  return {status,
+          failure.empty() ? "the journal holds no ';', so it has no statements"
+                          : "lines that are no SQL were passed over, the last: " + failure,
+          kIncomplete, changes};
 }
 
 Result replay(const std::string& database, const JournalApplyOptions& options,
@@ -61,7 +87,7 @@ Result replay(const std::string& database, const JournalApplyOptions& options,
     cr_status_t status = journal.checkopen();
     if (status != CR_STATUS_OK) return {status, "the database cannot be opened"};
     status = journal.exec_file_content(options.file, content, !options.line_by_line);
-    if (!journal.in_transaction()) return result_of(status, journal.changes());
+    if (!journal.in_transaction()) return result_of(status, journal);
   } catch (const sqlitedb::db_exception& damage) {
     return {damage.cr_status(), std::string("stopped: ") + damage.what()};
   }
@@ -69,15 +95,19 @@ Result replay(const std::string& database, const JournalApplyOptions& options,
   return {undone, "the journal left a transaction open: what came after its BEGIN is rolled back"};
 }
 
-// Why the journal is not for this database as it is; empty when nothing stands against it.
-std::string objection(const std::string& database) {
+// Why the journal is not for this database as it is; no text when nothing stands against it.
+Result objection(const std::string& database) {
   const ProtectedRows rows = find_protected_rows(database);
-  if (!rows.readable) return "its entries cannot be read: nobody knows whether some are protected";
-  if (rows.guarded == 0 && rows.damaged == 0) return "";
-  return fmt::format(
-      "it holds {} entries that are immutable or locked, and {} damaged ones of which nobody "
-      "knows",
-      rows.guarded, rows.damaged);
+  if (rows.status != CR_STATUS_OK) {
+    return {rows.status,
+            "nothing applied: its entries cannot be read, and nobody knows whether some are "
+            "protected; --force-locked applies it"};
+  }
+  if (rows.guarded == 0 && rows.damaged == 0) return {};
+  return {CR_STATUS_IMMUTABLE,
+          fmt::format("nothing applied: it holds {} entries that are immutable or locked, and {} "
+                      "damaged ones of which nobody knows; --force-locked applies it",
+                      rows.guarded, rows.damaged)};
 }
 
 Result dry_run(const std::string& database, const JournalApplyOptions& options,
@@ -88,16 +118,28 @@ Result dry_run(const std::string& database, const JournalApplyOptions& options,
   return replay(copy.file(), options, content);
 }
 
+// Fills in the database's path without symbolic links, where its journal lies, too.
+Result find_database(const std::string& name, std::string* path) {
+  std::error_code failure;
+  *path = std::filesystem::canonical(name, failure).string();
+  if (failure) {
+    errno = failure.value();
+    const cr_status_t status = status_of_errno("canonical");
+    const bool absent = status == CR_STATUS_NOT_FOUND;
+    return {status, absent ? "there is no such database" : "the database cannot be reached"};
+  }
+  if (std::filesystem::is_regular_file(*path, failure)) return {};
+  return {CR_STATUS_BAD_ARG, "is no file, so no database"};
+}
+
 // The lock keeps ingests and retention locks away between the examination and the replay.
 Result apply_locked(const std::string& database, const JournalApplyOptions& options,
                     const std::string& content) {
   DirLock lock;
   const cr_status_t status = lock.lock(getdirname(database));
   if (status != CR_STATUS_OK) return {status, "its directory cannot be locked"};
-  const std::string against = options.force_locked ? "" : objection(database);
-  if (!against.empty()) {
-    return {CR_STATUS_IMMUTABLE, "nothing applied: " + against + "; --force-locked applies it"};
-  }
+  const Result against = options.force_locked ? Result{} : objection(database);
+  if (!against.text.empty()) return against;
   return options.dry_run ? dry_run(database, options, content) : replay(database, options, content);
 }
 
@@ -128,10 +170,10 @@ int journal_apply(const Console& console, const JournalApplyOptions& options) {
     report(console, options.file, status, why);
     return kFailed;
   }
-  std::error_code failure;
-  const std::string database = std::filesystem::canonical(options.database, failure).string();
-  if (failure) {
-    report(console, options.database, CR_STATUS_NOT_FOUND, "there is no such database");
+  std::string database;
+  const Result missing = find_database(options.database, &database);
+  if (!missing.text.empty()) {
+    report(console, options.database, missing.status, missing.text);
     return kFailed;
   }
   const Result result = apply_locked(database, options, content);

@@ -15,7 +15,8 @@ struct LogsCleanOptions {
   bool recursive = false;
 };
 
-// Deletes files that are older. Refuses a directory that holds anything of a catalog.
+// Deletes files that are older. Refuses the root of the file system, and a directory that holds
+// anything of a catalog. kIncomplete when it may not remove files of some directory.
 int logs_clean(const Console& console, const LogsCleanOptions& options);
 
 }  // namespace cli

@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "cli/catalog.h"
+#include "cli/detached.h"
 #include "cli/patrol_log.h"
 #include "cli/patrol_metrics.h"
 #include "cli/patrol_round.h"
@@ -116,24 +117,41 @@ bool lies_in(const std::string& path, const std::string& directory) {
   return path == directory || path.compare(0, directory.size() + 1, directory + "/") == 0;
 }
 
-// Says on the terminal what would otherwise fail in a daemon that nobody hears.
-int refusal(const Console& console, const CatalogPath& root, const std::string& log_dir,
-            const std::string& metrics) {
-  for (const std::string& path : {log_dir, metrics}) {
-    if (!lies_in(path, root.root)) continue;
+// Where a patrol writes; absolute, for the daemon works in another directory.
+struct PatrolPaths {
+  CatalogPath root;
+  std::string log_dir;
+  std::string metrics;  // empty for none
+};
+
+bool is_writable_directory(const Console& console, const std::string& path) {
+  if (wa_isdir(path.c_str()) && zel_access(path.c_str(), W_OK | X_OK) == 0) return true;
+  report(console, path, status_of_errno("access"), "no directory that can be written to");
+  return false;
+}
+
+// Says what would otherwise fail in every round, where nobody hears it.
+int refusal(const Console& console, const PatrolPaths& paths) {
+  for (const std::string& path : {paths.log_dir, paths.metrics}) {
+    if (!lies_in(path, paths.root.root)) continue;
     console.err << "pocatalog: " << printable(path) << ": lies in the catalog\n";
     return kUsage;
   }
-  const cr_status_t status = check_directory(root);
-  if (status != CR_STATUS_OK) report(console, root.full(), status, "no such catalog");
-  const bool writable = wa_isdir(log_dir.c_str()) && zel_access(log_dir.c_str(), W_OK | X_OK) == 0;
-  if (!writable) {
-    report(console, log_dir, status_of_errno("access"), "no directory that can be written to");
+  const cr_status_t status = check_directory(paths.root);
+  if (status != CR_STATUS_OK) report(console, paths.root.full(), status, "no such catalog");
+  bool writable = is_writable_directory(console, paths.log_dir);
+  if (!paths.metrics.empty()) {
+    const std::string directory = std::filesystem::path(paths.metrics).parent_path().string();
+    writable = is_writable_directory(console, directory) && writable;
+  }
+  if (!paths.metrics.empty() && wa_isdir(paths.metrics.c_str())) {
+    report(console, paths.metrics, CR_STATUS_OK, "is a directory, no file for metrics");
+    writable = false;
   }
   return status == CR_STATUS_OK && writable ? kDone : kFailed;
 }
 
-// On the terminal, while there is one, and in the log.
+// To the one who called, and in the log.
 int not_started(const Console& console, const CatalogPath& root, cr_status_t status) {
   const char* pid = status == CR_STATUS_HELD ? DaemonLockSimpleRead() : nullptr;
   const std::string text =
@@ -145,24 +163,34 @@ int not_started(const Console& console, const CatalogPath& root, cr_status_t sta
   return kFailed;
 }
 
+int become_patrol(const Console& console, const PatrolPaths& paths, const PatrolOptions& options,
+                  const std::function<void()>& started) {
+  const PatrolSignals signals;
+  const std::string name = patrol_name(paths.root.root);
+  const cr_status_t status = SDDaemonStart(name.c_str(), options.foreground ? 1 : 0);
+  PatrolLog log(paths.log_dir, name);
+  const cr_status_t logged = log.open();
+  if (status != CR_STATUS_OK) return not_started(console, paths.root, status);
+  if (logged != CR_STATUS_OK) {
+    report(console, paths.log_dir, logged, "the log cannot be written");
+    return kFailed;
+  }
+  started();
+  return Patrol(paths.root, paths.metrics, &log, options).run(signals);
+}
+
 }  // namespace
 
 int patrol(const Console& console, const PatrolOptions& options) {
-  // The daemon works in another directory.
-  const CatalogPath root{absolute_root(options.root), {}};
-  const std::string log_dir = absolute_root(options.log_dir);
-  const std::string metrics = options.metrics.empty() ? "" : absolute_root(options.metrics);
-  const int refused = refusal(console, root, log_dir, metrics);
+  const PatrolPaths paths{{absolute_root(options.root), {}},
+                          absolute_root(options.log_dir),
+                          options.metrics.empty() ? "" : absolute_root(options.metrics)};
+  const int refused = refusal(console, paths);
   if (refused != kDone) return refused;
-  const PatrolSignals signals;
-  const std::string name = patrol_name(root.root);
-  const cr_status_t started = SDDaemonStart(name.c_str(), options.foreground ? 1 : 0);
-  PatrolLog log(log_dir, name);
-  const cr_status_t logged = log.open();
-  if (started != CR_STATUS_OK) return not_started(console, root, started);
-  if (logged == CR_STATUS_OK) return Patrol(root, metrics, &log, options).run(signals);
-  report(console, log_dir, logged, "the log cannot be written");
-  return kFailed;
+  const Daemon watch = [&](const Console& terminal, const std::function<void()>& started) {
+    return become_patrol(terminal, paths, options, started);
+  };
+  return options.foreground ? watch(console, [] {}) : start_detached(console, watch);
 }
 
 }  // namespace cli

@@ -18,8 +18,9 @@ struct PatrolOptions {
 };
 
 // Becomes the only patrol of the catalog and verifies it again and again, until SIGTERM or SIGINT;
-// SIGHUP starts a round at once. What it finds goes to its log. Returns in the daemon; the process
-// that called ends when the daemon runs by itself.
+// SIGHUP starts a round at once. What it finds goes to its log. Returns in the daemon when that
+// ends, and in the process that called as soon as the daemon has its lock and its log: kDone; or
+// with the reason why there is none.
 int patrol(const Console& console, const PatrolOptions& options);
 
 }  // namespace cli

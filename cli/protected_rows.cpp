@@ -31,7 +31,7 @@ ProtectedRows find_protected_rows(const std::string& database) {
   Connection connection;
   const int opened = connection.open(entries);
   const int table = opened == SQLITE_OK ? find_table(connection, "po") : opened;
-  rows.readable = table == SQLITE_ROW || table == SQLITE_DONE;
+  if (table != SQLITE_ROW && table != SQLITE_DONE) rows.status = status_of_sqlite(table);
   if (table != SQLITE_ROW) return rows;
   const ComplianceClock clock;
   const auto examine = [&](const Statement& statement) {
@@ -42,7 +42,8 @@ ProtectedRows find_protected_rows(const std::string& database) {
       ++rows.guarded;
     }
   };
-  rows.readable = walk_table(connection, "po", kRowColumns, examine, [] {}) == SQLITE_DONE;
+  const int walked = walk_table(connection, "po", kRowColumns, examine, [] {});
+  if (walked != SQLITE_DONE) rows.status = status_of_sqlite(walked);
   return rows;
 }
 

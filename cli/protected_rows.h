@@ -4,12 +4,14 @@
 #include <cstdint>
 #include <string>
 
+#include "host/status.h"
+
 namespace cli {
 
 struct ProtectedRows {
-  std::uint64_t guarded = 0;  // immutable, or locked by the compliance clock's now
-  std::uint64_t damaged = 0;  // nobody knows whether they are
-  bool readable = true;       // false when the rows could not all be read
+  std::uint64_t guarded = 0;          // immutable, or locked by the compliance clock's now
+  std::uint64_t damaged = 0;          // nobody knows whether they are
+  cr_status_t status = CR_STATUS_OK;  // another when the rows could not all be read
 };
 
 // Looks at the rows of a database of entries. One of lists of containers ("ul.db") holds none

@@ -27,6 +27,11 @@ struct Refusal {
   ExitStatus exit = kFailed;
 };
 
+Refusal unreachable(cr_status_t status) {
+  const bool absent = status == CR_STATUS_NOT_FOUND;
+  return {status, absent ? kNoFile : "not locked: its directory cannot be reached"};
+}
+
 // A transaction on a database that exists; rolled back unless it is committed.
 class Transaction {
  public:
@@ -80,12 +85,13 @@ class LockSetting {
     FilePO stored(*path_.dsid());
     cr_status_t status = db_.get(path_.leaf(), &stored);
     if (status == CR_STATUS_NOT_FOUND) return {status, kNoFile};
-    if (status != CR_STATUS_OK) return {status, "not locked: the entry is damaged"};
+    if (is_damage(status)) return {CR_STATUS_OK, kDamagedText, kInconsistent};
+    if (status != CR_STATUS_OK) return {status, "not locked: the entry cannot be read"};
     Refusal refusal = judge(stored.record());
     if (!refusal.text.empty()) return refusal;
     status = db_.set_retention(path_.leaf(), flags(), options_.seconds);
     if (status == CR_STATUS_LOCK_LOWERED) return lowered(stored.record());
-    if (status != CR_STATUS_OK) return {status, "not locked"};
+    if (status != CR_STATUS_OK) return {status, "not locked: the entry cannot be stored"};
     return {};
   }
 
@@ -169,10 +175,7 @@ int show_entry(const Console& console, const CatalogPath& path, bool directory_o
     print(console, path, entry->record(), clock);
     return kDone;
   }
-  const bool absent = status == CR_STATUS_NOT_FOUND;
-  report(console, path.full(), status,
-         absent ? "no such entry in the catalog" : "the entry cannot be read");
-  return kFailed;
+  return report_unread(console, path, status);
 }
 
 }  // namespace
@@ -181,10 +184,10 @@ int retention_set(const Console& console, const RetentionSetOptions& options) {
   const auto path = catalog_path(options.root, options.path);
   if (!path || path->components.empty()) return report_bad_path(console, options.path);
   const bool directory = names_directory(options.path) || path->components.size() == 1;
-  const cr_status_t reachable = directory ? CR_STATUS_NOT_FOUND : check_directory(path->parent());
+  const cr_status_t reached = directory ? CR_STATUS_NOT_FOUND : check_directory(path->parent());
   const ComplianceClock clock;
-  Refusal refusal{reachable, kNoFile};
-  if (reachable == CR_STATUS_OK) refusal = LockSetting(*path, options, clock).apply();
+  const Refusal refusal =
+      reached == CR_STATUS_OK ? LockSetting(*path, options, clock).apply() : unreachable(reached);
   if (refusal.text.empty()) return show_entry(console, *path, false, clock);
   report(console, path->full(), refusal.status, refusal.text);
   return refusal.exit;

@@ -90,7 +90,9 @@ void declare_logs(CLI::App& app, Request& request) {
   CLI::App* command = add_subcommand(
       add_group(app, "logs", "Removes old logs."), request, "clean",
       "Deletes files that were last modified before so many days, but none whose name begins with "
-      "'.', and follows no link. Refuses directories that hold anything of a catalog.",
+      "'.', and follows no link. Refuses directories that hold anything of a catalog. Exit status "
+      "3 "
+      "when this user may not remove the files of some directory.",
       logs_clean, options);
   command->add_option("DIR", options->directory, "The directory of the logs")->required();
   command->add_option("--days", options->days, "Of files; 0 is no limit")
@@ -102,7 +104,7 @@ void declare_logs(CLI::App& app, Request& request) {
     return text.empty() ? "an empty text is in every path" : "";
   };
   command->add_option("--key", options->key, "Only files whose path, DIR included, contains this")
-      ->check(CLI::Validator(is_text, "TEXT"))
+      ->check(CLI::Validator(is_text, ""))
       ->excludes(empty);
   command->add_flag("--recursive", options->recursive,
                     "In the directories below, too; those left empty are removed");
@@ -113,8 +115,8 @@ void declare_patrol(CLI::App& app, Request& request) {
   CLI::App* command = add_subcommand(
       app, request, "patrol",
       "Becomes a daemon, one for each catalog, that verifies ROOT again and again at a bounded "
-      "speed and logs what is wrong. SIGHUP starts a round, SIGTERM ends it. docs/patrol.md "
-      "describes its files and metrics.",
+      "speed and logs what is wrong. Exit status 0 as soon as that has its lock and its log. "
+      "SIGHUP starts a round, SIGTERM ends it. docs/patrol.md describes its files and metrics.",
       patrol, options);
   add_root(command, options->root);
   add_period(command, "--every", &options->every, "From the start of a round to the next: 6h")

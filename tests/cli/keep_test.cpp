@@ -1,3 +1,7 @@
+#include <unistd.h>
+
+#include <functional>
+
 #include "cli/format.h"
 #include "cli/period.h"
 #include "tests/cli/keep_fixture.h"
@@ -5,6 +9,16 @@
 namespace {
 
 namespace fs = std::filesystem;
+
+// Runs `act` where the permissions of files count, also when the tests run as root.
+Outcome as_nobody(const std::function<Outcome()>& act) {
+  constexpr uid_t kNobody = 65534;
+  const bool root = geteuid() == 0;
+  EXPECT_EQ(root ? setresuid(kNobody, kNobody, 0) : 0, 0);
+  const Outcome outcome = act();
+  EXPECT_EQ(root ? setresuid(0, 0, 0) : 0, 0);
+  return outcome;
+}
 
 TEST(Periods, AreWholeNumbersOfAUnitWithinTheRange) {
   const std::vector<std::pair<std::string, std::int64_t>> periods = {
@@ -31,6 +45,16 @@ TEST_F(KeepTest, ALockIsSetAndShownWithWhatRemainsOfIt) {
   EXPECT_EQ(command("retention set " + entry_ + "--for 9223372036854775807s").status, cli::kFailed);
 }
 
+TEST_F(KeepTest, ALockOnADamagedEntryIsNeitherShownNorSet) {
+  add_file("img");
+  sql("UPDATE po SET crc = 0");
+  for (const std::string& how : {"show " + entry_, "set " + entry_ + "--for 1d"}) {
+    const Outcome outcome = command("retention " + how);
+    EXPECT_EQ(outcome.status, cli::kInconsistent);
+    EXPECT_NE(outcome.err.find("damaged: see pocatalog verify"), std::string::npos) << outcome.err;
+  }
+}
+
 TEST_F(KeepTest, AJournalIsAppliedAndWhatWentWrongIsTold) {
   add_file("img");
   const std::string sound = read(database(image_));
@@ -45,10 +69,12 @@ TEST_F(KeepTest, AJournalIsAppliedAndWhatWentWrongIsTold) {
     const char* properties;  // that the journal added
   } cases[] = {
       {a + b, "--json", 0, "\"row_changes\":2", "a,b"},
-      {a + "NO SQL;\n" + b, "", 3, "passed over", "a,b"},
+      {a + "NO SQL;\n" + b, "", 3, "the last: NO SQL;: near \"NO\": syntax error", "a,b"},
+      {"no statement", "--line-by-line", 3, "holds no ';'", ""},
       {"DELETE FROM registry;\n" + a, "--line-by-line", 0, "took 1", "a"},
       {a + "BEGIN;\n" + b + "END;\n", "--line-by-line", 1, "left a transaction open", "a"},
-      {a + "INSERT INTO none VALUES (1);\n" + b, "", 1, "stopped", "a"},
+      {a + "INSERT INTO none VALUES (1);\n" + b, "", 1, "applied: no such table: none", "a"},
+      {"SELECT * FROM none;\n", "--line-by-line", 1, "SELECT * FROM none;: no such table", ""},
       {std::string("SELECT 1;\0DROP TABLE po;", 24), "", 1, "NUL", ""},
       {a + "NO SQL;\n", "--dry-run", 3, "in part", ""},
   };
@@ -62,8 +88,10 @@ TEST_F(KeepTest, AJournalIsAppliedAndWhatWentWrongIsTold) {
               c.properties);
   }
   fs::remove(database(image_));
-  EXPECT_EQ(command(apply).status, cli::kFailed);
+  EXPECT_NE(command(apply).err.find("there is no such database"), std::string::npos);
   EXPECT_FALSE(fs::exists(database(image_)));
+  fs::create_directory(database(image_));
+  EXPECT_NE(command(apply).err.find("is no file"), std::string::npos);
 }
 
 TEST_F(KeepTest, LogsAreCleanedAndNothingOfACatalogIs) {
@@ -92,6 +120,8 @@ TEST_F(KeepTest, LogsAreCleanedAndNothingOfACatalogIs) {
     for (std::size_t i = 0; i < 4; ++i) kept += fs::exists(files[i]) ? "oebn"[i] : '.';
     EXPECT_EQ(kept, c.kept) << c.how;
   }
+  EXPECT_EQ(command("logs clean / --days 99999 --recursive").status, cli::kUsage);
+  EXPECT_EQ(command("logs clean '' --days 99999").status, cli::kUsage);
   add_file("img");
   age(database(image_));
   fs::create_directory_symlink(full(image_), root_ + "/link");
@@ -99,6 +129,35 @@ TEST_F(KeepTest, LogsAreCleanedAndNothingOfACatalogIs) {
     EXPECT_EQ(command("logs clean " + directory + " --days 1 --recursive").status, cli::kFailed);
   }
   EXPECT_TRUE(fs::exists(database(image_)));
+}
+
+TEST_F(KeepTest, WhatAUserMayNotReachIsNotTakenForAbsentOrCleaned) {
+  add_file("img");
+  const std::string logs = root_ + "/logs";
+  fs::create_directories(logs + "/below");
+  write(root_ + "/journal", "SELECT 1;");
+  fs::permissions(root_, fs::perms{0755});
+  for (const std::string& directory : {logs + "/below", logs, full("5")}) {
+    fs::permissions(directory, fs::perms{directory == full("5") ? 0U : 0555U});
+  }
+  const struct {
+    std::string line;
+    int status;
+    const char* message;
+  } cases[] = {
+      {"retention set " + entry_ + "--for 1d", 1, "its directory cannot be reached"},
+      {"journal apply " + database(image_) + " " + root_ + "/journal", 1, "cannot be reached"},
+      {"logs clean " + logs + " --days 5", 3, "/logs: not cleaned"},
+      {"logs clean " + logs + " --days 5 --recursive", 3, "/logs/below: not cleaned"},
+  };
+  for (const auto& c : cases) {
+    const Outcome outcome = as_nobody([&] { return command(c.line); });
+    EXPECT_EQ(outcome.status, c.status) << c.line << outcome.err;
+    EXPECT_NE(outcome.err.find(c.message), std::string::npos) << outcome.err;
+  }
+  for (const std::string& directory : {logs, full("5")}) {
+    fs::permissions(directory, fs::perms{0755});
+  }
 }
 
 }  // namespace

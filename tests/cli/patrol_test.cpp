@@ -3,6 +3,7 @@
 
 #include <functional>
 
+#include "cli/format.h"
 #include "cli/patrol_log.h"
 #include "tests/cli/keep_fixture.h"
 #include "tests/support/private_mounts.h"
@@ -39,9 +40,10 @@ class PatrolTest : public KeepTest {
     std::fflush(nullptr);
     const pid_t starter = fork();
     if (starter == 0) {
+      const pid_t called = getpid();
       const Outcome outcome =
           command("patrol " + root_ + " --every 6h --log-dir " + logs_ + " --metrics " + metrics_);
-      write(side_.path("printed"), outcome.err);
+      if (getpid() == called) write(side_.path("printed"), outcome.err);  // not in the daemon
       _exit(outcome.status);
     }
     int status = -1;
@@ -114,6 +116,44 @@ TEST_F(PatrolTest, IsOneForEachCatalogAndLeavesItsLockHoweverItEnds) {
       EXPECT_NE(second.err.find("PID = " + std::to_string(pid)), std::string::npos) << second.err;
       EXPECT_EQ(end(pid, signal), signal == SIGKILL ? -1 : cli::kDone);
     }
+  });
+}
+
+TEST_F(PatrolTest, TellsTheOneWhoCallsWhyItDoesNotStart) {
+  among_daemons([this] {
+    const auto refused = [this](const char* why) {
+      const Outcome outcome = start();
+      EXPECT_EQ(outcome.status, cli::kFailed);
+      EXPECT_NE(outcome.err.find(why), std::string::npos) << outcome.err;
+      EXPECT_FALSE(fs::is_regular_file(metrics_));
+    };
+    fs::create_directory(metrics_);
+    refused("is a directory");
+    fs::remove(metrics_);
+    const std::string today =
+        cli::utc_time(static_cast<std::uint64_t>(time(nullptr))).substr(0, 10);
+    const std::string file = logs_ + "/" + cli::patrol_name(root_) + "-" + today + ".log";
+    fs::create_directory(file);
+    refused("the log cannot be written");
+    fs::remove(file);
+    ASSERT_EQ(mount(nullptr, "/var/run", nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
+    refused("cannot take its lock");
+  });
+}
+
+TEST_F(PatrolTest, RemovesItsOwnOldLogsOnly) {
+  among_daemons([this] {
+    const std::string own = logs_ + "/" + cli::patrol_name(root_) + "-2026-01-02.log";
+    const std::string others = logs_ + "/" + cli::patrol_name("/other") + "-2026-01-02.log";
+    for (const std::string& file : {own, others}) {
+      write(file, "line");
+      age(file);
+    }
+    const pid_t pid = started();
+    EXPECT_TRUE(comes_true([&] { return !fs::exists(own); }));
+    EXPECT_EQ(end(pid, SIGTERM), cli::kDone);
+    EXPECT_TRUE(fs::exists(others));
+    EXPECT_NE(log().find("ended"), std::string::npos);
   });
 }
 
