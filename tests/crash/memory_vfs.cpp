@@ -15,8 +15,6 @@ namespace {
 
 MemoryDisk* disk_in_use = nullptr;
 
-MemoryDisk temporary_files;
-
 struct OpenFile {
   sqlite3_file base;
   MemoryDisk* disk;
@@ -42,20 +40,20 @@ int read_file(sqlite3_file* file, void* out, int amount, sqlite3_int64 offset) {
 
 int write_file(sqlite3_file* file, const void* bytes, int amount, sqlite3_int64 offset) {
   const OpenFile& to = opened(file);
-  to.disk->write(*to.file, static_cast<std::size_t>(offset),
+  to.disk->write(to.file, static_cast<std::size_t>(offset),
                  std::string(static_cast<const char*>(bytes), static_cast<std::size_t>(amount)));
   return SQLITE_OK;
 }
 
 int truncate_file(sqlite3_file* file, sqlite3_int64 size) {
   const OpenFile& to = opened(file);
-  to.disk->truncate(*to.file, static_cast<std::size_t>(size));
+  to.disk->truncate(to.file, static_cast<std::size_t>(size));
   return SQLITE_OK;
 }
 
 int sync_file(sqlite3_file* file, int) {
   OpenFile& to = opened(file);
-  to.disk->sync(*to.file);
+  to.disk->sync(to.file);
   if (to.sync_names) to.disk->sync_names();
   to.sync_names = false;
   return SQLITE_OK;
@@ -91,26 +89,26 @@ int open_file(sqlite3_vfs*, const char* name, sqlite3_file* file, int flags, int
     return made;
   }();
   file->pMethods = nullptr;
-  MemoryDisk* const disk = name != nullptr ? disk_in_use : &temporary_files;
-  auto found = name != nullptr ? disk->open(name, false) : std::make_shared<MemoryDisk::File>();
+  if (name == nullptr) return SQLITE_CANTOPEN;  // nothing here is so large as to need it
+  auto found = disk_in_use->find(name);
   const bool is_new = found == nullptr;
-  if (is_new && (flags & SQLITE_OPEN_CREATE) != 0) found = disk->open(name, true);
+  if (is_new && (flags & SQLITE_OPEN_CREATE) != 0) found = disk_in_use->create(name);
   if (found == nullptr) return SQLITE_CANTOPEN;
   const bool syncs_names = is_new && (flags & SQLITE_OPEN_MAIN_JOURNAL) != 0;
-  new (file) OpenFile{{&methods}, disk, found, syncs_names};
+  new (file) OpenFile{{&methods}, disk_in_use, found, syncs_names};
   if (out_flags != nullptr) *out_flags = flags;
   return SQLITE_OK;
 }
 
 int delete_file(sqlite3_vfs*, const char* name, int sync_names) {
-  if (disk_in_use->open(name, false) == nullptr) return SQLITE_IOERR_DELETE_NOENT;
+  if (disk_in_use->find(name) == nullptr) return SQLITE_IOERR_DELETE_NOENT;
   disk_in_use->remove(name);
   if (sync_names != 0) disk_in_use->sync_names();
   return SQLITE_OK;
 }
 
 int access_file(sqlite3_vfs*, const char* name, int, int* exists) {
-  const auto found = disk_in_use->open(name, false);
+  const auto found = disk_in_use->find(name);
   *exists = found != nullptr && !found->now.empty() ? 1 : 0;  // as on Unix
   return SQLITE_OK;
 }
@@ -138,11 +136,11 @@ void use_disk(MemoryDisk* disk) {
 
 // The host's functions by which the library looks at its files.
 cr_status_t wa_access(const char* path, int) {
-  return disk_in_use->open(path, false) != nullptr ? CR_STATUS_OK : CR_STATUS_NOT_FOUND;
+  return disk_in_use->find(path) != nullptr ? CR_STATUS_OK : CR_STATUS_NOT_FOUND;
 }
 
 cr_status_t wa_stat(const char* path, struct stat* out) {
-  const auto found = disk_in_use->open(path, false);
+  const auto found = disk_in_use->find(path);
   if (found == nullptr) return CR_STATUS_NOT_FOUND;
   *out = {};
   out->st_mode = S_IFREG | 0600;
@@ -151,7 +149,7 @@ cr_status_t wa_stat(const char* path, struct stat* out) {
 }
 
 cr_status_t wa_deletefile(const char* path) {
-  if (disk_in_use->open(path, false) == nullptr) return CR_STATUS_NOT_FOUND;
+  if (disk_in_use->find(path) == nullptr) return CR_STATUS_NOT_FOUND;
   disk_in_use->remove(path);
   return CR_STATUS_OK;
 }

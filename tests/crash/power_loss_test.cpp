@@ -30,7 +30,7 @@ int sqlite3_exec(sqlite3* db, const char* sql, int (*row)(void*, int, char**, ch
 
 namespace {
 
-using Random = MemoryDisk::Random;
+using Random = std::mt19937;
 using Rows = std::map<std::string, unsigned long>;
 
 const std::string kRoot = "/catalog";
@@ -98,7 +98,7 @@ class Catalog {
     change(po, po_database_, [this](const std::string& name, unsigned long value) {
       if (value == 0) return po_database_.del(name);
       auto fields = file_fields(name, make_poid(value), value, "/c/p");
-      fields.owner = std::string(value * 7 % 400, 'x');
+      fields.owner = std::string(value * 7 % 120, 'x');
       FilePO entry(text_of(fields));
       return po_database_.put(&entry);
     });
@@ -123,7 +123,7 @@ class Catalog {
   Rows changes(const Rows& rows, unsigned long most) {
     Rows changed;
     for (unsigned long left = 1 + random_() % most; left > 0; --left) {
-      const std::string name = "row" + std::to_string(random_() % 20);
+      const std::string name = "row" + std::to_string(random_() % 16);
       const bool goes = changed.count(name) == 0 && rows.count(name) != 0 && random_() % 4 == 0;
       changed[name] = goes ? 0 : 64 + random_() % 1000000;
     }
