@@ -24,6 +24,7 @@ cr_status_t in_batches(const std::set<std::string>& poids, const std::string& he
   auto next = poids.begin();
   while (next != poids.end()) {
     std::ostringstream sql;
+    sql.exceptions(std::ios_base::badbit);  // a text cut short must not be run
     sql << head;
     std::string last;
     for (int n = 0; n < kBatch && next != poids.end(); ++n, ++next) {

@@ -47,6 +47,9 @@ int sqlite3_wrapper::on_db_callback(void*, int, char**, char**) { return -1; }
 int sqlite3_wrapper::exec_callback(void* context, int ncols, char** values, char** names) {
   auto* running = static_cast<exec_context*>(context);
   if (running->arg == nullptr) return 0;
+  // A value that SQLite had no memory for reads as NULL: a sound row must not pass for a damaged
+  // one.
+  if (sqlite3_errcode(running->owner->db) == SQLITE_NOMEM) return -1;
   try {
     return running->owner->on_db_callback(running->arg, ncols, values, names);
   } catch (...) {
