@@ -3,6 +3,7 @@
 
 #include "po/dir_po.h"
 #include "po/file_po.h"
+#include "tests/support/failing_new.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/records.h"
 #include "tests/support/temp_dir.h"
@@ -14,6 +15,9 @@ inline cr_status_t& cell() { return *__cr_errno_location(); }
 
 class EntryTest : public testing::Test {
  protected:
+  EntryTest() {
+    allocation_fails = [] { return allocations_left >= 0 && allocations_left-- == 0; };
+  }
   void TearDown() override {
     for (const PO* old : removed) delete old;
   }

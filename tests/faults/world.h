@@ -1,0 +1,53 @@
+// A catalog directory with both of its databases, and the operations that are run on it under
+// faults.
+#pragma once
+
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "po/dir_po.h"
+#include "podb/podb_pool.h"
+#include "podb/sqlite_podb.h"
+#include "tests/support/intact.h"
+#include "uldb/sqlite_uldb.h"
+
+// The directory root/5/c/p.
+struct World {
+  explicit World(const std::string& catalog_root);
+
+  // Ends what an operation left open, as callers do after a failure; the first status that is not
+  // 0.
+  cr_status_t roll_back();
+  // Closes everything, for an object that does not work on by itself.
+  void close();
+
+  const std::string root;
+  const std::string dir = root + "/5/c/p";
+  SQLitePODB po{root, dir};
+  SQLiteULDB ul{dir, 0};
+  PODBPool pool{1};
+};
+
+// For an operation that answers 0 and did not do what it says.
+inline constexpr cr_status_t kUntrue = -77;
+
+struct Operation {
+  const char* name;
+  int rows;  // of a transaction; 1: none, a statement for itself
+  cr_status_t (*run)(World& world, int rows);
+  void (*prepare)(World& world, int rows);
+  bool by_lines = false;  // what it has done by the time of a failure stays: whole rows, in order
+  // What it answers besides: anywhere, and where memory ran out.
+  cr_status_t also = CR_STATUS_OK;
+  cr_status_t also_without_memory = CR_STATUS_OK;
+};
+
+// How many rows the databases hold at first, and a large transaction changes; POCATALOG_SOAK in the
+// environment multiplies it.
+int stored_rows();
+
+// Every operation on its own and as a large transaction.
+std::vector<Operation> operations();
