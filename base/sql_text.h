@@ -10,4 +10,7 @@ namespace base {
 // without quotes comes back as it is.
 std::string sql_escaped(std::string_view text);
 
+// Appends `text` as a literal: escaped, between quotes.
+void append_sql_literal(std::string& sql, std::string_view text);
+
 }  // namespace base

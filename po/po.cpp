@@ -53,9 +53,9 @@ int PO::setFromString(_po_t* record, const char* text) {
     return -1;
   }
   if (POGetType(record) != PO_TYPE_FILE) return 0;
-  const std::string poid = text_or_empty(POGetHashRef(record));
-  if (poid.empty() || POIDStringValidate(poid.c_str())) return 0;
-  ErrorA(CR_STATUS_NONE, "%s: %s is not a valid POID string.", "setFromString", poid.c_str());
+  const char* const poid = POGetHashRef(record);
+  if (poid == nullptr || *poid == '\0' || POIDStringValidate(poid)) return 0;
+  ErrorA(CR_STATUS_NONE, "%s: %s is not a valid POID string.", "setFromString", poid);
   set_host_status(CR_STATUS_BAD_RECORD);
   return -1;
 }

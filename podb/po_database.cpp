@@ -1,6 +1,7 @@
 #include "podb/po_database_internal.h"
 
 #include <cstdlib>
+#include <cstring>
 #include <utility>
 
 #include "host/host.h"
@@ -114,7 +115,10 @@ cr_status_t SQLitePODB::po_database::take_po(const QueryContext& context, char**
 cr_status_t SQLitePODB::po_database::fill(const QueryContext& context, char** values,
                                           PO& po) const {
   const char* content = values[2];
-  const std::string path = context.owner->db_dir + "/" + values[0];
+  const std::string& directory = context.owner->db_dir;
+  std::string path;
+  path.reserve(directory.size() + 1 + std::strlen(values[0]));
+  path.append(directory).append("/").append(values[0]);
   const auto status = as_status(po.set(root, content, path));
   if (status != CR_STATUS_OK) {
     ErrorA(status, "Failed to set PO [%s][%s]", path.c_str(), content);

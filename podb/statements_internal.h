@@ -10,7 +10,12 @@ inline const char* const kSelectEntries = "SELECT basename, poid, content, crc F
 inline const char* const kSelectNames = "SELECT basename FROM po";
 inline const char* const kCountEntries = "SELECT COUNT(*) FROM po";
 
-inline std::string quoted(const std::string& text) { return "'" + base::sql_escaped(text) + "'"; }
+inline std::string quoted(const std::string& text) {
+  std::string literal;
+  literal.reserve(text.size() + 2);
+  base::append_sql_literal(literal, text);
+  return literal;
+}
 
 // The condition that names one row.
 inline std::string where_name_is(const std::string& basename) {

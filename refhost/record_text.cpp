@@ -1,4 +1,5 @@
 // The text form of a record. docs/record.md describes it.
+#include <algorithm>
 #include <cctype>
 #include <charconv>
 #include <utility>
@@ -61,19 +62,28 @@ constexpr std::array<Field, kRecordFields> kFields = {{
 }};
 
 // The bytes that would break the line, or its escapes.
-bool is_escaped(unsigned char byte) {
+constexpr bool is_escaped(unsigned int byte) {
   return byte < 0x20 || byte == 0x7f || byte == kSeparator || byte == '%';
 }
 
+// Looked up: every byte of every text is asked for.
+constexpr auto kEscaped = [] {
+  std::array<bool, 256> escaped{};
+  for (unsigned int byte = 0; byte < escaped.size(); ++byte) escaped[byte] = is_escaped(byte);
+  return escaped;
+}();
+
 void append_encoded(std::string& out, std::string_view text) {
   static constexpr char digits[] = "0123456789ABCDEF";
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (is_escaped(byte)) {
-      out.append({'%', digits[byte >> 4], digits[byte & 0xf]});
-    } else {
-      out += c;
-    }
+  for (;;) {
+    const auto* const special = std::find_if(
+        text.begin(), text.end(), [](char c) { return kEscaped[static_cast<unsigned char>(c)]; });
+    const auto plain = static_cast<std::size_t>(special - text.begin());
+    out.append(text.data(), plain);
+    if (plain == text.size()) return;
+    const auto byte = static_cast<unsigned char>(*special);
+    out.append({'%', digits[byte >> 4], digits[byte & 0xf]});
+    text.remove_prefix(plain + 1);
   }
 }
 
@@ -90,23 +100,20 @@ bool take_escape(std::string_view& text, std::string& out) {
 
 bool decode(std::string_view text, std::string& out) {
   out.clear();
-  while (!text.empty()) {
-    const char c = text.front();
-    text.remove_prefix(1);
-    if (c != '%') {
-      out += c;
-    } else if (!take_escape(text, out)) {
-      return false;
-    }
+  for (;;) {
+    const std::size_t escape = text.find('%');
+    out.append(text.substr(0, escape));
+    if (escape == std::string_view::npos) return true;
+    text.remove_prefix(escape + 1);
+    if (!take_escape(text, out)) return false;
   }
-  return true;
 }
 
 template <class Number>
 void append_number(std::string& out, Number value, int base = 10) {
   std::array<char, 24> digits{};
   const auto result = std::to_chars(digits.data(), digits.data() + digits.size(), value, base);
-  out.append(digits.data(), result.ptr);
+  out.append(digits.data(), static_cast<std::size_t>(result.ptr - digits.data()));
 }
 
 template <class Number>
@@ -178,7 +185,9 @@ bool is_valid(const RecordFields& fields) {
 }  // namespace
 
 std::string print_record(const RecordFields& fields) {
+  constexpr std::size_t kUsualSize = 512;
   std::string text;
+  text.reserve(kUsualSize);
   for (const Field& field : kFields) {
     if (&field != &kFields.front()) text += kSeparator;
     std::visit(Printer{fields, text}, field.member);
