@@ -138,7 +138,7 @@ Result apply_locked(const std::string& database, const JournalApplyOptions& opti
   DirLock lock;
   const cr_status_t status = lock.lock(getdirname(database));
   if (status != CR_STATUS_OK) return {status, "its directory cannot be locked"};
-  const Result against = options.force_locked ? Result{} : objection(database);
+  Result against = options.force_locked ? Result{} : objection(database);
   if (!against.text.empty()) return against;
   return options.dry_run ? dry_run(database, options, content) : replay(database, options, content);
 }

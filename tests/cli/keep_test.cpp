@@ -15,7 +15,7 @@ Outcome as_nobody(const std::function<Outcome()>& act) {
   constexpr uid_t kNobody = 65534;
   const bool root = geteuid() == 0;
   EXPECT_EQ(root ? setresuid(kNobody, kNobody, 0) : 0, 0);
-  const Outcome outcome = act();
+  Outcome outcome = act();
   EXPECT_EQ(root ? setresuid(0, 0, 0) : 0, 0);
   return outcome;
 }
