@@ -59,7 +59,7 @@ MemoryDisk::FilePtr MemoryDisk::find(const std::string& name) const {
 }
 
 MemoryDisk::FilePtr MemoryDisk::create(const std::string& name) {
-  const auto file = std::make_shared<File>();
+  auto file = std::make_shared<File>();
   make({kNaming, file, 0, name});
   return file;
 }
