@@ -33,7 +33,7 @@ std::size_t zlibs(const unsigned char* bytes, std::size_t size) {
 
 }  // namespace
 
-void add_adler_cases(std::vector<Case>& cases, std::size_t scale) {
+void add_adler_cases(Cases& cases, std::size_t scale) {
   for (const auto& [name, size] :
        {std::pair("300 B", 300UL), std::pair("4 KiB", 4096UL), std::pair("1 MiB", 1UL << 20)}) {
     const std::size_t bytes = size;

@@ -1,4 +1,5 @@
-// What is measured. `scale` divides the sizes: 1 for figures, more for a quick run of everything.
+// What is measured. Sizes are divided by `scale`: 1 for figures, more for a quick run of
+// everything.
 #pragma once
 
 #include <cstddef>
@@ -8,7 +9,23 @@
 
 namespace bench {
 
-void add_podb_cases(std::vector<Case>& cases, std::size_t scale);
-void add_adler_cases(std::vector<Case>& cases, std::size_t scale);
+using Cases = std::vector<Case>;
+
+// The cases of the table.
+void add_put_cases(Cases& cases, std::size_t scale);
+void add_read_cases(Cases& cases, std::size_t scale);
+void add_check_cases(Cases& cases, std::size_t scale);
+void add_update_cases(Cases& cases, std::size_t scale);
+void add_directory_cases(Cases& cases, std::size_t scale);
+void add_uldb_cases(Cases& cases, std::size_t scale);
+void add_udcid_cases(Cases& cases, std::size_t scale);
+void add_adler_cases(Cases& cases, std::size_t scale);
+void add_pool_cases(Cases& cases, std::size_t scale);
+
+// Some of them at a size of its own, for the table of growth.
+void add_put_growth(Cases& cases, std::size_t rows);
+void add_read_growth(Cases& cases, std::size_t rows);
+void add_check_growth(Cases& cases, std::size_t rows);
+void add_directory_growth(Cases& cases, std::size_t directories);
 
 }  // namespace bench

@@ -1,10 +1,7 @@
 #include "bench/rows.h"
 
-#include <stdlib.h>
-
 #include <algorithm>
 #include <cstdio>
-#include <filesystem>
 #include <numeric>
 #include <random>
 
@@ -15,39 +12,52 @@ namespace bench {
 
 namespace {
 
-struct Release {
-  void operator()(char* text) const { free(text); }  // as the host's interface has it
-};
-
-std::string padded(std::string text, std::size_t size, char fill) {
-  text.insert(0, size > text.size() ? size - text.size() : 0, fill);
-  return text;
+std::string padded(std::size_t number, std::size_t size, char fill) {
+  const std::string digits = std::to_string(number);
+  return std::string(size - digits.size(), fill) + digits;
 }
 
-refhost::RecordFields fields_of(std::size_t number) {
+refhost::RecordFields fields_of(std::size_t number, std::size_t version) {
   refhost::RecordFields fields;
-  fields.poid = padded(std::to_string(number), 64, 'a');
-  fields.content_fp = padded(std::to_string(number), 64, 'b');
+  fields.poid = make_poid(number);
+  fields.content_fp = padded(number, 64, 'b');
   fields.size = 1000 + number;
   fields.mode = 0100644;
   fields.owner = std::string(number % 60, 'o');
-  fields.mtime = fields.ctime = fields.atime = 1700000000 + number;
+  fields.ctime = fields.atime = 1700000000 + number;
+  fields.mtime = fields.ctime + version;
   return fields;
 }
 
 }  // namespace
 
-std::vector<Row> make_rows(std::size_t count, std::size_t first) {
+// As hashes are: no order in them.
+std::string make_poid(std::size_t number) {
+  std::mt19937_64 digits(number);
+  std::string poid;
+  while (poid.size() < 64) poid += "0123456789abcdef"[digits() >> 60];
+  return poid;
+}
+
+std::vector<Row> make_rows(std::size_t count, std::size_t version) {
   std::vector<Row> rows;
   rows.reserve(count);
   const PORecord record(POCreate());
-  for (std::size_t number = first; number < first + count; ++number) {
-    const refhost::RecordFields fields = fields_of(number);
-    refhost::set_fields(record.get(), fields);
-    const std::unique_ptr<char, Release> content(POToStringMalloced(record.get()));
-    rows.push_back({"file-" + padded(std::to_string(number), 35, '0'), fields.poid, content.get()});
+  for (std::size_t number = 0; number < count; ++number) {
+    const refhost::RecordFields fields = fields_of(number, version);
+    must(refhost::set_fields(record.get(), fields) != 0, "set_fields");
+    const HostText content(POToStringMalloced(record.get()));
+    rows.push_back({"file-" + padded(number, 35, '0'), fields.poid, content.get()});
   }
   return rows;
+}
+
+std::uint32_t checksum(const Row& row) {
+  std::uint32_t crc = base::kAdler32Start;
+  for (const std::string* text : {&row.basename, &row.poid, &row.content}) {
+    crc = base::adler32(crc, text->data(), text->size());
+  }
+  return crc;
 }
 
 std::unique_ptr<FilePO> make_entry(const Row& row, const std::string& root,
@@ -64,37 +74,15 @@ std::vector<std::size_t> shuffled(std::size_t count) {
   return order;
 }
 
-ScratchDir::ScratchDir() : path_(std::filesystem::temp_directory_path() / "pocatalog-XXXXXX") {
-  must(mkdtemp(path_.data()) == nullptr, "mkdtemp");
-}
-
-ScratchDir::~ScratchDir() {
-  std::error_code ignored;
-  std::filesystem::remove_all(path_, ignored);
-}
-
-BareDatabase::BareDatabase(const std::string& file) {
-  must(static_cast<unsigned long>(sqlite3_open(file.c_str(), &db_)), file.c_str());
-}
-
-BareDatabase::~BareDatabase() { sqlite3_close(db_); }
-
-void BareDatabase::exec(const std::string& sql, sqlite3_callback row, void* context) {
-  must(static_cast<unsigned long>(sqlite3_exec(db_, sql.c_str(), row, context, nullptr)),
-       sql.c_str());
-}
-
-std::string insert_text(const Row& row) {
-  std::uint32_t crc = base::kAdler32Start;
-  for (const std::string* text : {&row.basename, &row.poid, &row.content}) {
-    crc = base::adler32(crc, text->data(), text->size());
+std::string grouped(std::size_t number) {
+  std::string text = std::to_string(number);
+  for (std::size_t digits = 3; digits < text.size(); digits += 4) {
+    text.insert(text.size() - digits, 1, ' ');
   }
-  return "INSERT OR REPLACE INTO po VALUES ('" + row.basename + "', '" + row.poid + "', '" +
-         row.content + "', " + std::to_string(crc) + ")";
+  return text;
 }
 
-void must(unsigned long status, const char* what) {
-  if (status == 0) return;
+void fail(unsigned long status, const char* what) {
   std::fprintf(stderr, "pocatalog-bench: %s failed with %lu\n", what, status);
   std::exit(1);
 }

@@ -1,9 +1,9 @@
 // Rows as real ones are: names of 40 bytes, POIDs of 64, contents of 180 to 250.
 #pragma once
 
-#include <sqlite3.h>
-
 #include <cstddef>
+#include <cstdint>
+#include <cstdlib>
 #include <memory>
 #include <string>
 #include <vector>
@@ -19,8 +19,20 @@ struct Row {
   std::string content;  // the record's text as the store keeps it
 };
 
-// The same rows for the same numbers, whoever asks; in ascending order of their names.
-std::vector<Row> make_rows(std::size_t count, std::size_t first = 0);
+// A text that the host made, from malloc.
+struct FreeHostText {
+  void operator()(char* text) const { std::free(text); }
+};
+using HostText = std::unique_ptr<char, FreeHostText>;
+
+// The same rows for the same numbers, whoever asks; in ascending order of their names. Another
+// `version` differs in the contents only.
+std::vector<Row> make_rows(std::size_t count, std::size_t version = 0);
+
+std::string make_poid(std::size_t number);
+
+// The checksum that is stored with a row.
+std::uint32_t checksum(const Row& row);
 
 // An entry to put: its record lies in `directory` of the image.
 std::unique_ptr<FilePO> make_entry(const Row& row, const std::string& root,
@@ -29,38 +41,13 @@ std::unique_ptr<FilePO> make_entry(const Row& row, const std::string& root,
 // The indexes of `count` rows in an order that looks random, and is the same in every run.
 std::vector<std::size_t> shuffled(std::size_t count);
 
-// A fresh directory that goes with its object.
-class ScratchDir {
- public:
-  ScratchDir();
-  ScratchDir(const ScratchDir&) = delete;
-  ScratchDir& operator=(const ScratchDir&) = delete;
-  ~ScratchDir();
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
-
-// A bare connection; what fails ends the program.
-class BareDatabase {
- public:
-  explicit BareDatabase(const std::string& file);
-  BareDatabase(const BareDatabase&) = delete;
-  BareDatabase& operator=(const BareDatabase&) = delete;
-  ~BareDatabase();
-
-  void exec(const std::string& sql, sqlite3_callback row = nullptr, void* context = nullptr);
-  sqlite3* handle() { return db_; }
-
- private:
-  sqlite3* db_ = nullptr;
-};
-
-// The statement that stores a row.
-std::string insert_text(const Row& row);
+// "1 000 000", for names of cases.
+std::string grouped(std::size_t number);
 
 // Ends the program with a text when a status is not 0: a measurement of a failure is none.
-void must(unsigned long status, const char* what);
+void fail(unsigned long status, const char* what);
+inline void must(unsigned long status, const char* what) {
+  if (status != 0) fail(status, what);
+}
 
 }  // namespace bench

@@ -13,11 +13,13 @@ namespace {
 
 constexpr unsigned long kIdleSeconds = 300;
 
-// Spellings of one directory have one key.
-std::string key_of(const std::string& dir) {
-  std::string key = dir;
-  if (!OSIsCaseSensitive()) ConvertStringCase(key, CASE_DIR_LOWER);
-  return key;
+// Spellings of one directory have one key. `folded` holds it when it is not `dir` itself: lookups
+// are many, and a copy for each would take longer than most of them.
+const std::string& key_of(const std::string& dir, std::string& folded) {
+  if (OSIsCaseSensitive()) return dir;
+  folded = dir;
+  ConvertStringCase(folded, CASE_DIR_LOWER);
+  return folded;
 }
 
 // Handles are copied from the pool's own under the pool's lock only, so a database that is the
@@ -47,7 +49,8 @@ void PODBPool::init(const std::string& catalog_root, PODBFactory* owned) {
 
 std::shared_ptr<PODB> PODBPool::get_podb(const std::string& dir) {
   const std::lock_guard<std::mutex> lock(mutex);
-  const std::string key = key_of(dir);
+  std::string folded;
+  const std::string& key = key_of(dir, folded);
   const auto found = databases.find(key);
   if (found != databases.end()) return found->second;
   if (factory == nullptr) throw std::logic_error("PODBPool::get_podb was called before init");
@@ -66,7 +69,8 @@ void PODBPool::reclaim() {
 
 cr_status_t PODBPool::close_podb(const std::string& dir, unsigned int flags) {
   const std::lock_guard<std::mutex> lock(mutex);
-  const auto found = databases.find(key_of(dir));
+  std::string folded;
+  const auto found = databases.find(key_of(dir, folded));
   if (found == databases.end()) return CR_STATUS_OK;
   const std::shared_ptr<PODB> database = found->second;
   return database == nullptr ? CR_STATUS_OK : database->close_db(flags);

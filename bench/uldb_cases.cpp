@@ -1,0 +1,163 @@
+// DCID records in ul.db, through SQLiteULDB and by bare statements that are prepared once.
+#include <cstring>
+
+#include "base/adler32.h"
+#include "bench/cases.h"
+#include "bench/databases.h"
+#include "uldb/sqlite_uldb.h"
+
+namespace bench {
+
+namespace {
+
+struct Store {
+  ScratchDir scratch;
+  SQLiteULDB uldb{scratch.path(), 0};
+  std::vector<std::string> poids;
+  std::vector<std::uint64_t> list;
+  UDCIDRecord record;
+
+  Store(std::size_t records, std::uint32_t entries)
+      : list(2 * std::size_t{entries}, 1000), record(entries, bytes(list)) {
+    unsigned long none = 0;
+    must(static_cast<unsigned long>(uldb.count(&none)), "create");
+    for (std::size_t n = 0; n < records; ++n) poids.push_back(make_poid(n));
+  }
+
+  std::size_t blob_size() const { return 12 + list.size() * sizeof list[0]; }
+
+ private:
+  static unsigned char* bytes(std::vector<std::uint64_t>& list) {
+    return reinterpret_cast<unsigned char*>(list.data());
+  }
+};
+
+void put_by_library(Store& store) {
+  must(static_cast<unsigned long>(store.uldb.begin_transaction()), "begin");
+  for (const std::string& poid : store.poids) {
+    must(static_cast<unsigned long>(store.uldb.put(poid.c_str(), &store.record, nullptr)), "put");
+  }
+  must(static_cast<unsigned long>(store.uldb.commit_transaction()), "commit");
+}
+
+void get_by_library(Store& store) {
+  for (const std::string& poid : store.poids) {
+    const std::unique_ptr<UDCIDRecord> record(store.uldb.get(poid.c_str()));
+    must(record == nullptr || record->ndcid != store.record.ndcid, "get");
+  }
+}
+
+cr_status_t take_record(const char* poid, UDCIDRecord* record) {
+  keep(std::strlen(poid) + record->ndcid);
+  return CR_STATUS_OK;
+}
+
+void get_all_by_library(Store& store) {
+  must(static_cast<unsigned long>(store.uldb.get_all(take_record)), "get_all");
+}
+
+struct BareStore {
+  explicit BareStore(Store& library) : store(library), db(library.uldb.get_dbfile_path()) {}
+  Store& store;
+  BareDatabase db;
+
+  // The binary form, as it must be made for every record.
+  std::vector<unsigned char> serialized() const {
+    std::vector<unsigned char> bytes(store.blob_size());
+    unsigned int size = static_cast<unsigned int>(bytes.size());
+    must(static_cast<unsigned long>(UDCIDRecord(store.record).Serialize(bytes.data(), size)),
+         "Serialize");
+    return bytes;
+  }
+
+  // What must be done with the bytes of a row: sum them and take the list.
+  static void take(BareStatement& row, int column) {
+    const std::size_t size = row.size(column);
+    const void* bytes = row.blob(column);
+    const std::uint32_t sum = base::adler32(base::kAdler32Start, bytes, size - 4);
+    must(std::memcmp(&sum, static_cast<const char*>(bytes) + size - 4, 4) != 0, "checksum");
+    const HostText list(static_cast<char*>(std::malloc(size)));
+    std::memcpy(list.get(), bytes, size);
+    keep(static_cast<std::size_t>(list.get()[size / 2]));
+  }
+};
+
+void put_by_floor(BareStore& bare) {
+  BareStatement insertion(bare.db, "INSERT OR REPLACE INTO utable VALUES( ?, ? )");
+  std::vector<unsigned char> bytes = bare.serialized();
+  const std::vector<std::uint64_t>& list = bare.store.list;
+  bare.db.exec("BEGIN IMMEDIATE TRANSACTION");
+  for (const std::string& poid : bare.store.poids) {
+    std::memcpy(bytes.data() + 8, list.data(), list.size() * sizeof list[0]);
+    const std::uint32_t sum = base::adler32(base::kAdler32Start, bytes.data(), bytes.size() - 4);
+    std::memcpy(bytes.data() + bytes.size() - 4, &sum, sizeof sum);
+    insertion.bind(1, poid);
+    insertion.bind(2, bytes.data(), bytes.size());
+    insertion.step();
+    insertion.reset();
+  }
+  bare.db.exec("COMMIT TRANSACTION");
+}
+
+void get_by_floor(BareStore& bare) {
+  BareStatement selection(bare.db, "SELECT udcids FROM utable WHERE poid = ?");
+  for (const std::string& poid : bare.store.poids) {
+    selection.bind(1, poid);
+    must(!selection.step(), "bare get");
+    BareStore::take(selection, 0);
+    selection.reset();
+  }
+}
+
+void get_all_by_floor(BareStore& bare) {
+  BareStatement selection(bare.db, "SELECT * FROM utable ORDER BY poid ASC ");
+  std::size_t rows = 0;
+  for (; selection.step(); ++rows) {
+    keep(std::strlen(selection.text(0)));
+    BareStore::take(selection, 1);
+  }
+  must(rows != bare.store.poids.size(), "bare get_all");
+}
+
+struct Size {
+  std::size_t records;
+  std::uint32_t entries;
+};
+
+Case uldb_case(const std::string& name, Size size, bool filled, void (*library)(Store&),
+               void (*floor)(BareStore&)) {
+  const auto made = [=] {
+    auto store = std::make_shared<Store>(size.records, size.entries);
+    if (filled) put_by_library(*store);
+    return store;
+  };
+  return {"SQLiteULDB::" + name + "/" + grouped(size.entries) + " entries",
+          size.records,
+          0.90,
+          {{"library",
+            [=] {
+              const auto store = made();
+              return [=] { library(*store); };
+            }},
+           {"floor", [=] {
+              const auto store = made();
+              const auto bare = std::make_shared<BareStore>(*store);
+              return [=] {
+                floor(*bare);
+                keep(store->poids.size());
+              };
+            }}}};
+}
+
+}  // namespace
+
+void add_uldb_cases(Cases& cases, std::size_t scale) {
+  for (const Size& full : {Size{10000, 4}, Size{1000, 1000}}) {
+    const Size size{full.records / scale, full.entries};
+    cases.push_back(uldb_case("put", size, false, put_by_library, put_by_floor));
+    cases.push_back(uldb_case("get", size, true, get_by_library, get_by_floor));
+    cases.push_back(uldb_case("get_all", size, true, get_all_by_library, get_all_by_floor));
+  }
+}
+
+}  // namespace bench
