@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <string_view>
 
+#include "cli/cause.h"
 #include "po/dir_po.h"
 #include "podb/sqlite_podb.h"
 #include "uldb/sqlite_uldb.h"
@@ -111,6 +112,10 @@ cr_status_t check_directory(const CatalogPath& path) {
   return CR_STATUS_OK;
 }
 
+const char* unreached_text(cr_status_t status) {
+  return status == CR_STATUS_NOT_FOUND ? "no such directory" : "the directory cannot be reached";
+}
+
 bool is_there(const std::string& path) {
   struct stat found = {};
   return lstat(path.c_str(), &found) == 0;
@@ -118,7 +123,7 @@ bool is_there(const std::string& path) {
 
 cr_status_t status_of_errno(const char* function) {
   const cr_status_t status = _crMapError(function, "cli", 0);
-  return status == CR_STATUS_OK ? CR_STATUS_FAILED : status;
+  return keep_errno_of(status == CR_STATUS_OK ? CR_STATUS_FAILED : status);
 }
 
 }  // namespace cli

@@ -55,10 +55,13 @@ bool database_path_fits(const std::string& directory);
 // something else, a symbolic link included.
 cr_status_t check_directory(const CatalogPath& path);
 
+// What is said of a directory that `check_directory` has not found, or could not reach.
+const char* unreached_text(cr_status_t status);
+
 // Whether something has that path; symbolic links are not followed.
 bool is_there(const std::string& path);
 
-// The status of the calling thread's `errno`, never 0.
+// The status of the calling thread's `errno`, never 0; its text is the cause (cli/cause.h).
 cr_status_t status_of_errno(const char* function);
 
 }  // namespace cli

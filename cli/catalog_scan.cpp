@@ -9,7 +9,7 @@ bool CatalogScan::walk(const CatalogPath& top,
                        const std::function<void(const CatalogPath&)>& visit) {
   const cr_status_t status = check_directory(top);
   if (status != CR_STATUS_OK) {
-    report(console_, top.full(), status, "no such directory");
+    report(console_, top.full(), status, unreached_text(status));
     return false;
   }
   walk_directories(top, visit, [this](const CatalogPath& directory, cr_status_t failure) {
@@ -38,7 +38,9 @@ void CatalogScan::damaged(const std::string& path, const std::string& text) {
 }
 
 void CatalogScan::unread(const std::string& path, cr_status_t status) {
-  unread_ = true;
+  (status == CR_STATUS_CORRUPT ? damaged_ : unread_) = true;
+  if (path == last_unread_) return;  // its rows and its subdirectories fail alike
+  last_unread_ = path;
   report(console_, path, status, "cannot be read");
 }
 

@@ -25,7 +25,7 @@ class CatalogScan {
                  const std::function<void(const std::string&, const refhost::RecordFields&)>& take);
 
   void damaged(const std::string& path, const std::string& text);
-  // Something could not be read, which says nothing about it.
+  // Something could not be read, which says nothing about it unless the status tells of damage.
   void unread(const std::string& path, cr_status_t status);
 
   int exit_status() const;
@@ -34,6 +34,7 @@ class CatalogScan {
   const Console& console_;
   bool damaged_ = false;
   bool unread_ = false;
+  std::string last_unread_;
 };
 
 }  // namespace cli

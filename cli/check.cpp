@@ -8,6 +8,7 @@
 #include "cli/catalog.h"
 #include "cli/check_counters.h"
 #include "cli/dir_list.h"
+#include "cli/format.h"
 #include "cli/json.h"
 #include "cli/mismatches.h"
 
@@ -22,9 +23,10 @@ int conclude(const Console& console, const Findings& findings, std::uint64_t cou
                          {"not_examined", findings.unexamined()}});
   } else {
     console.out << fmt::format(
-        "{} contents without a list, {} lists without a content, {} counters that differ, {} not "
-        "examined\n",
-        findings.contents_without_list(), findings.lone_lists(), counters, findings.unexamined());
+        "{} without a list, {} without a content, {} that differ{}, {} not examined\n",
+        counted(findings.contents_without_list(), "content"),
+        counted(findings.lone_lists(), "list"), counted(counters, "counter"),
+        counters == 1 ? "s" : "", findings.unexamined());
   }
   return findings.exit_status();
 }
@@ -35,7 +37,7 @@ int check(const Console& console, const CheckOptions& options) {
   const CatalogPath root{absolute_root(options.root), {}};
   const cr_status_t status = check_directory(root);
   if (status != CR_STATUS_OK) {
-    report(console, root.full(), status, "no such catalog");
+    report(console, root.full(), status, unreached_text(status));
     return kFailed;
   }
   Findings findings(console);

@@ -86,7 +86,7 @@ bool is_readable(cr_status_t status) {
 
 std::uint64_t check_counters(const CatalogPath& data_store, Findings* findings) {
   const std::string file = data_store.child(kDsInfoFile).full();
-  const auto skip = [&](cr_status_t status, const char* reason) {
+  const auto skip = [&](cr_status_t status, const std::string& reason) {
     if (is_there(data_store.full())) findings->add_unexamined(file, status, reason);
     return std::uint64_t{0};
   };
@@ -94,8 +94,11 @@ std::uint64_t check_counters(const CatalogPath& data_store, Findings* findings) 
   if (!is_readable(before.status)) return skip(before.status, "cannot be read");
   if (before.at_work) return skip(CR_STATUS_BUSY, "an ingest is at work");
   ds_info_t counted{};
-  const cr_status_t status = count_data_store(data_store.root, *data_store.dsid(), &counted);
-  if (status != CR_STATUS_OK) return skip(status, "the data store cannot be counted");
+  const CountResult count = count_data_store(data_store.root, *data_store.dsid(), &counted);
+  if (count.status != CR_STATUS_OK) {
+    return skip(count.status,
+                "cannot be compared: " + printable(count.unread) + " cannot be counted");
+  }
   const CountersState after = read_state(data_store);
   if (after.at_work || after.status != before.status || after.text() != before.text()) {
     return skip(CR_STATUS_BUSY, "changed while the data store was counted");

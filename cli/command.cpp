@@ -4,9 +4,12 @@
 
 #include <algorithm>
 #include <iterator>
+#include <nlohmann/json.hpp>
 #include <ostream>
 #include <string_view>
 
+#include "cli/cause.h"
+#include "cli/json.h"
 #include "cli/utf8.h"
 
 namespace cli {
@@ -18,9 +21,10 @@ struct CodePoints {
 };
 
 // Control characters, and those that are invisible or reorder what stands around them.
-constexpr CodePoints kHidden[] = {{0x00, 0x1f},     {'\\', '\\'},     {0x7f, 0x9f},
-                                  {0x200b, 0x200f}, {0x2028, 0x202e}, {0x2060, 0x2069},
-                                  {0xfeff, 0xfeff}};
+constexpr CodePoints kHidden[] = {
+    {0x00, 0x1f},     {'\\', '\\'},     {0x7f, 0x9f},      {0xad, 0xad},     {0x61c, 0x61c},
+    {0x180b, 0x180f}, {0x200b, 0x200f}, {0x2028, 0x202e},  {0x2060, 0x206f}, {0xfe00, 0xfe0f},
+    {0xfeff, 0xfeff}, {0xfff9, 0xfffb}, {0xe0000, 0xe0fff}};
 
 bool shows_as_itself(char32_t code_point) {
   return std::none_of(std::begin(kHidden), std::end(kHidden), [code_point](CodePoints r) {
@@ -38,11 +42,22 @@ void append_escaped(std::string& out, std::string_view bytes) {
 
 void report(const Console& console, const std::string& path, cr_status_t status,
             const std::string& text) {
+  const std::string kept = take_cause();
+  const std::string cause = needs_cause(status) ? kept : "";
   console.err << "pocatalog: " << printable(path) << ": " << text;
   if (status != CR_STATUS_OK) {
-    console.err << fmt::format(" (status {}: {})", status, CRStatusToStringA(status));
+    console.err << fmt::format(" (status {}: {}{})", status, CRStatusToStringA(status),
+                               cause.empty() ? "" : "; " + printable(cause));
   }
   console.err << '\n';
+  if (!console.json) return;
+  nlohmann::ordered_json object;
+  set_name(object, "problem", text);
+  set_name(object, "path", path);
+  object["status"] = status;
+  if (status != CR_STATUS_OK) object["status_text"] = CRStatusToStringA(status);
+  if (!cause.empty()) set_name(object, "cause", cause);
+  print_line(console, object);
 }
 
 std::string printable(const std::string& name) {

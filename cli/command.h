@@ -26,7 +26,9 @@ struct Console {
   bool progress = false;  // `err` is a terminal
 };
 
-// Prints "pocatalog: PATH: TEXT (status N: its text)", the path made printable.
+// Tells of a problem: prints "pocatalog: PATH: TEXT (status N: its text; cause)" to `err`, the path
+// made printable and the cause as cli/cause.h knows it; with `json` also an object to `out`, in
+// which the text is "problem".
 void report(const Console& console, const std::string& path, cr_status_t status,
             const std::string& text);
 

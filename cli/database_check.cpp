@@ -76,21 +76,23 @@ bool DatabaseCheck::check_integrity() {
 bool DatabaseCheck::check_schema(Schema missing, const std::string& table) {
   std::vector<std::string> faults;
   bool has_rows = false;
-  const bool ran =
-      query("SELECT type || ' ' || name, sql FROM sqlite_master", [&](const Statement& row) {
-        const std::string object = row.bytes(0);
-        const auto expected = missing.find(object);
-        has_rows = has_rows || object == "table " + table;
-        if (expected == missing.end()) {
-          faults.push_back(object + " does not belong here");
-        } else {
-          if (row.bytes(1) != expected->second)
-            faults.push_back(object + " is defined differently");
-          missing.erase(expected);
-        }
-      });
+  const bool ran = query("SELECT type || ' ' || name, sql, tbl_name FROM sqlite_master",
+                         [&](const Statement& row) {
+                           const std::string object = row.bytes(0);
+                           const auto expected = missing.find(object);
+                           has_rows = has_rows || object == "table " + table;
+                           if (expected == missing.end()) {
+                             faults.push_back(object + " does not belong here");
+                           } else {
+                             const SchemaObject& wanted = expected->second;
+                             if (row.bytes(1) != wanted.sql || row.bytes(2) != wanted.table) {
+                               faults.push_back(object + " is defined differently");
+                             }
+                             missing.erase(expected);
+                           }
+                         });
   if (!ran) return false;
-  for (const auto& [object, sql] : missing) faults.push_back(object + " is missing");
+  for (const auto& [object, wanted] : missing) faults.push_back(object + " is missing");
   for (const std::string& fault : faults) add(fault);
   return has_rows;
 }

@@ -13,9 +13,13 @@
 
 namespace cli {
 
-// SQLite's name of each table and index ("table po"), and the statement that made it; none for the
-// indexes that it makes itself.
-using Schema = std::map<std::string, std::string>;
+struct SchemaObject {
+  std::string table;  // that it is, or belongs to
+  std::string sql;    // the statement that made it; none for the indexes that SQLite makes itself
+};
+
+// By SQLite's name of each table and index ("table po").
+using Schema = std::map<std::string, SchemaObject>;
 
 // "one; two".
 std::string joined(const std::vector<std::string>& faults);

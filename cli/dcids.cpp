@@ -7,6 +7,7 @@
 
 #include "cli/catalog_scan.h"
 #include "cli/entry.h"
+#include "cli/format.h"
 #include "cli/json.h"
 #include "cli/list_reader.h"
 #include "uldb/sqlite_uldb.h"
@@ -27,7 +28,7 @@ int print_list(const Console& console, UDCIDRecord* list) {
     }
   }
   if (!console.json) {
-    console.out << fmt::format("{} containers, {} bytes\n", list->ndcid, total);
+    console.out << fmt::format("{}, {} bytes\n", counted(list->ndcid, "container"), total);
   }
   return kDone;
 }
@@ -44,9 +45,7 @@ int list_of_file(const Console& console, const CatalogPath& path) {
   if (status == CR_STATUS_NOT_FOUND) {
     return fail(console, path.full(), status, "no such file in the catalog");
   }
-  if (status != CR_STATUS_OK) {
-    return fail(console, path.full(), status, "the entry cannot be read");
-  }
+  if (status != CR_STATUS_OK) return report_unread(console, path, status);
   const std::string poid = refhost::get_fields(entry->record()).poid;
   if (poid.empty()) return fail(console, path.full(), CR_STATUS_OK, "the entry names no content");
   UDCIDRecord list;

@@ -1,17 +1,16 @@
 #include "cli/dir_list.h"
 
-#include "host/files.h"
-#include "refhost/leftovers.h"
-
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <memory>
 #include <utility>
+
+#include "cli/cause.h"
+#include "cli/dir_stream.h"
+#include "host/files.h"
+#include "refhost/fd_internal.h"
+#include "refhost/leftovers.h"
 
 namespace cli {
 namespace {
@@ -19,29 +18,9 @@ namespace {
 // Names held per directory. A directory with more is read again for every further page.
 constexpr std::size_t kPage = 65536;
 
-struct CloseDirectory {
-  void operator()(DIR* directory) const { closedir(directory); }
-};
-using Directory = std::unique_ptr<DIR, CloseDirectory>;
-
-Directory open_directory(const std::string& path) {
-  const int fd = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-  if (fd < 0) return nullptr;
-  Directory opened(fdopendir(fd));
-  if (!opened) close(fd);
-  return opened;
-}
-
-EntryKind kind_of(DIR* directory, const dirent& entry) {
-  if (entry.d_type == DT_DIR) return EntryKind::directory;
-  if (entry.d_type == DT_REG) return EntryKind::file;
-  if (entry.d_type != DT_UNKNOWN) return EntryKind::other;
-  struct stat found = {};
-  if (fstatat(dirfd(directory), entry.d_name, &found, AT_SYMLINK_NOFOLLOW) != 0) {
-    return EntryKind::other;
-  }
-  if (S_ISDIR(found.st_mode)) return EntryKind::directory;
-  return S_ISREG(found.st_mode) ? EntryKind::file : EntryKind::other;
+EntryKind kind_of(mode_t kind) {
+  if (kind == S_IFDIR) return EntryKind::directory;
+  return kind == S_IFREG ? EntryKind::file : EntryKind::other;
 }
 
 bool by_name(const DirEntry& a, const DirEntry& b) { return a.name < b.name; }
@@ -58,27 +37,19 @@ bool is_of_catalog(const CatalogPath& directory, const DirEntry& entry) {
   return !directory.components.empty() || parse_dsid(entry.name).has_value();
 }
 
-bool is_entry_after(const std::string& name, const std::string& after) {
-  return name > after && name != "." && name != "..";
-}
-
 }  // namespace
 
 cr_status_t read_entries(const std::string& directory, const std::string& after, std::size_t limit,
                          std::vector<DirEntry>* entries) {
   entries->clear();
-  const Directory opened = open_directory(directory);
-  if (!opened) return status_of_errno("open");
-  for (;;) {
-    errno = 0;
-    // The stream is this function's own, so no other thread reads it.
-    const dirent* entry = readdir(opened.get());  // NOLINT(concurrency-mt-unsafe)
-    if (entry == nullptr) break;
-    if (!is_entry_after(entry->d_name, after)) continue;
-    entries->push_back({entry->d_name, kind_of(opened.get(), *entry)});
+  const refhost::Fd opened(
+      open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  const auto take = [&](std::string name, mode_t kind) {
+    if (name <= after) return;
+    entries->push_back({std::move(name), kind_of(kind)});
     if (entries->size() >= 2 * limit) keep_first(entries, limit);
-  }
-  if (errno != 0) return status_of_errno("readdir");
+  };
+  if (!opened || !read_directory_entries(opened.get(), take)) return status_of_errno("readdir");
   keep_first(entries, limit);
   std::sort(entries->begin(), entries->end(), by_name);
   return CR_STATUS_OK;
@@ -102,7 +73,11 @@ bool DirPager::fill() {
 void walk_directories(const CatalogPath& top, const std::function<void(const CatalogPath&)>& visit,
                       const std::function<void(const CatalogPath&, cr_status_t)>& failed) {
   std::vector<std::pair<CatalogPath, DirPager>> open_levels;
-  if (!top.components.empty()) visit(top);
+  const auto start = [&visit](const CatalogPath& directory) {
+    take_cause();  // of what was overcome elsewhere
+    visit(directory);
+  };
+  if (!top.components.empty()) start(top);
   open_levels.emplace_back(top, DirPager(top.full()));
   while (!open_levels.empty()) {
     auto& [path, entries] = open_levels.back();
@@ -112,7 +87,7 @@ void walk_directories(const CatalogPath& top, const std::function<void(const Cat
       open_levels.pop_back();
     } else if (is_of_catalog(path, *entry)) {
       const CatalogPath below = path.child(entry->name);
-      visit(below);
+      start(below);
       open_levels.emplace_back(below, DirPager(below.full()));
     }
   }

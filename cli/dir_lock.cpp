@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "cli/catalog.h"
+#include "cli/cause.h"
 #include "host/files.h"
 
 namespace cli {
@@ -26,7 +27,7 @@ cr_status_t create_under_parent(const std::string& top, const std::string& direc
                                 const std::atomic<bool>* stop) {
   DirLock parent(stop);
   const cr_status_t status = parent.lock_or_create(top, getdirname(directory));
-  return status != CR_STATUS_OK ? status : wa_createtree(directory.c_str(), 0700);
+  return status != CR_STATUS_OK ? status : keep_errno_of(wa_createtree(directory.c_str(), 0700));
 }
 
 }  // namespace

@@ -2,9 +2,10 @@
 
 #include "cli/attributes.h"
 #include "cli/catalog.h"
-#include "cli/dir_list.h"
+#include "cli/cause.h"
 #include "cli/dsinfo.h"
 #include "cli/entry.h"
+#include "cli/refusal.h"
 #include "host/files.h"
 #include "po/dir_po.h"
 #include "podb/sqlite_podb.h"
@@ -12,10 +13,6 @@
 
 namespace cli {
 namespace {
-
-bool has_record(const std::string& directory) {
-  return wa_access((directory + "/" + DirPO::recordfilename()).c_str(), 0) == CR_STATUS_OK;
-}
 
 cr_status_t set_fields(DirPO* entry, const refhost::RecordFields& fields) {
   return refhost::set_fields(entry->record(), fields) == 0 ? CR_STATUS_OK : *__cr_errno_location();
@@ -26,17 +23,8 @@ cr_status_t apply(const IngestJob& job, const std::string& directory, DirPO* ent
   SQLitePODB db(job.root, directory);
   std::vector<PO*> unused;
   std::string action;
-  return static_cast<cr_status_t>(entry->update(&db, *delta, unused, unused, action));
-}
-
-// Whether there is something that is not the catalog's own, or that is a directory.
-bool holds_something(const std::string& directory, cr_status_t* status) {
-  DirPager entries(directory);
-  while (const DirEntry* entry = entries.next()) {
-    if (entry->kind != EntryKind::file || !is_reserved_name(entry->name)) return true;
-  }
-  *status = entries.status();
-  return false;
+  return keep_errno_of(
+      static_cast<cr_status_t>(entry->update(&db, *delta, unused, unused, action)));
 }
 
 bool is_protected(const IngestJob& job, const std::string& directory) {
@@ -46,21 +34,11 @@ bool is_protected(const IngestJob& job, const std::string& directory) {
 
 // Why the directory is to stay; a problem without a text when nothing stands against its deletion.
 Problem objection(const IngestJob& job, const std::string& directory) {
-  cr_status_t status = CR_STATUS_OK;
-  if (is_protected(job, directory))
+  if (is_protected(job, directory)) {
     return {directory, CR_STATUS_IMMUTABLE, "kept: it is protected"};
-  if (holds_something(directory, &status)) {
-    return {directory, CR_STATUS_NOT_EMPTY, "kept: there is something left in it"};
   }
-  if (status != CR_STATUS_OK) return {directory, status, "kept: it cannot be read"};
-  SQLitePODB db(job.root, directory);
-  unsigned long rows = 0;
-  status = db.check_db_existence(false);
-  if (status == CR_STATUS_NOT_FOUND) return {};
-  if (status == CR_STATUS_OK) status = db.count(&rows);
-  if (status != CR_STATUS_OK) return {directory, status, "kept: its database cannot be read"};
-  if (rows != 0) return {directory, CR_STATUS_NOT_EMPTY, "kept: there are files left in it"};
-  return {};
+  const Refusal refusal = content_refusal(job.root, directory);
+  return {directory, refusal.status, refusal.text.empty() ? "" : "kept: " + refusal.text};
 }
 
 }  // namespace

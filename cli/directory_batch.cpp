@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "cli/cause.h"
 #include "cli/database.h"
 #include "cli/dir_list.h"
 #include "cli/list_gaps.h"
@@ -23,11 +24,16 @@ void mend_version(SQLitePODB& db, IngestOutcome* outcome) {
 void prepare_database(SQLitePODB& db, IngestOutcome* outcome) {
   DatabaseState state{};
   cr_status_t status = examine_database(db, &state);
+  if (status == CR_STATUS_BAD_DATA || status == CR_STATUS_CORRUPT) {
+    throw DirectoryError{CR_STATUS_CORRUPT,
+                         "its po.db is damaged and left as it is: moved away, it is made anew from "
+                         "the files"};
+  }
   if (status != CR_STATUS_OK) throw DirectoryError{status, "its database cannot be opened"};
   if (state == DatabaseState::present) mend_version(db, outcome);
   if (state != DatabaseState::leftover) return;
   // A journal beside it can stay: SQLite discards the journal of a database without content.
-  status = wa_deletefile(db.get_dbfile_path().c_str());
+  status = keep_errno_of(wa_deletefile(db.get_dbfile_path().c_str()));
   if (status != CR_STATUS_OK) throw DirectoryError{status, "its empty database cannot be removed"};
   // A truncated database looks the same: the rows that it may have held are still counted.
   outcome->mended(db.get_dbfile_path(), "mended: the database was empty");
@@ -39,7 +45,7 @@ bool try_batch(const IngestJob& job, SQLitePODB& db, const std::function<bool(Ro
                IngestOutcome* outcome) {
   remove_unfinished_writes(db.get_dir());
   prepare_database(db, outcome);
-  RowBatch batch(job, db, find_list_gaps(db.get_dir(), outcome));
+  RowBatch batch(job, db, find_damaged_rows(db.get_dir()), find_list_gaps(db.get_dir(), outcome));
   if (!work(batch)) return false;
   batch.commit();
   outcome->add(std::move(batch.outcome()));

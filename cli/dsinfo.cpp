@@ -7,6 +7,7 @@
 #include <sstream>
 
 #include "cli/catalog.h"
+#include "cli/cause.h"
 #include "cli/dir_list.h"
 #include "cli/dir_lock.h"
 #include "host/files.h"
@@ -61,7 +62,7 @@ std::string data_store_directory(const std::string& root, unsigned int dsid) {
 
 cr_status_t read_dsinfo(const std::string& root, unsigned int dsid, DsInfo* info) {
   std::string text;
-  const cr_status_t status = wa_readfile(dsinfo_file(root, dsid).c_str(), &text);
+  const cr_status_t status = keep_errno_of(wa_readfile(dsinfo_file(root, dsid).c_str(), &text));
   if (status != CR_STATUS_OK) return status;
   return parse_dsinfo(text, info) ? CR_STATUS_OK : CR_STATUS_BAD_RECORD;
 }
@@ -74,11 +75,14 @@ void add_counters(ds_info_t* sum, const ds_info_t& delta) {
 
 // Runs are joined and left under the lock of the data store's directory. So nobody can come between
 // here while the run's own lock is turned from exclusive into shared, which is not atomic.
-cr_status_t DsInfoRun::open(const std::string& root, unsigned int dsid) {
+cr_status_t DsInfoRun::open(const std::string& root, unsigned int dsid,
+                            const std::atomic<bool>* stop) {
   root_ = root;
   dsid_ = dsid;
-  DirLock joining;
+  stop_ = stop;
+  DirLock joining(stop);
   const cr_status_t status = joining.lock(data_store_directory(root, dsid));
+  if (joining.stopped()) return CR_STATUS_BUSY;
   if (status != CR_STATUS_OK) return status;
   remove_unfinished_writes(data_store_directory(root, dsid));
   const std::string path = data_store_directory(root, dsid) + "/" + kDsInfoLockFile;
@@ -105,9 +109,9 @@ cr_status_t DsInfoRun::join(bool alone) {
 
 void DsInfoRun::recount(bool unknown, DsInfo* info) {
   ds_info_t counted{};
-  count_status_ = count_data_store(root_, dsid_, &counted);
-  recounted_ = !unknown || counted.dir_count != 0 || count_status_ != CR_STATUS_OK;
-  const bool complete = count_status_ == CR_STATUS_OK;
+  count_result_ = count_data_store(root_, dsid_, &counted);
+  const bool complete = count_result_.status == CR_STATUS_OK;
+  recounted_ = !unknown || counted.dir_count != 0 || !complete;
   if (complete || unknown) info->counters = counted;
   if (complete || unknown) info->open_runs = complete ? 0 : 1;
 }
@@ -120,14 +124,20 @@ cr_status_t DsInfoRun::close() {
   status = read_dsinfo(root_, dsid_, &info);
   if (status != CR_STATUS_OK) return status;
   add_counters(&info.counters, delta_);
-  if (trusted_) --info.open_runs;
+  // Nobody joins while the lock above is held, so whoever is alone stays so.
+  if (trusted_) {
+    --info.open_runs;
+  } else if (!(stop_ != nullptr && *stop_) && try_flock(lock_.get(), LOCK_EX)) {
+    recount(false, &info);
+  }
   status = write(info);
   lock_ = refhost::Fd();
   return status;
 }
 
 cr_status_t DsInfoRun::write(const DsInfo& info) const {
-  return wa_writefile(dsinfo_file(root_, dsid_).c_str(), print_dsinfo(info), false);
+  const std::string file = dsinfo_file(root_, dsid_);
+  return keep_errno_of(wa_writefile(file.c_str(), print_dsinfo(info), false));
 }
 
 }  // namespace cli

@@ -2,6 +2,7 @@
 // describes the file.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 
@@ -31,8 +32,13 @@ std::string data_store_directory(const std::string& root, unsigned int dsid);
 cr_status_t read_dsinfo(const std::string& root, unsigned int dsid, DsInfo* info);
 
 // Counts what the data store holds: every "__dirpo__" and every row below its directory, and the
-// sizes that readable rows record. What cannot be read is left out, and its status returned.
-cr_status_t count_data_store(const std::string& root, unsigned int dsid, ds_info_t* counters);
+// sizes that readable rows record. What cannot be read is left out; the first such directory and
+// its status are the result.
+struct CountResult {
+  cr_status_t status = CR_STATUS_OK;
+  std::string unread;
+};
+CountResult count_data_store(const std::string& root, unsigned int dsid, ds_info_t* counters);
 
 // Adds modulo 2^64, as the library counts: a delta below 0 wraps.
 void add_counters(ds_info_t* sum, const ds_info_t& delta);
@@ -43,19 +49,21 @@ void add_counters(ds_info_t* sum, const ds_info_t& delta);
 // itself alone with such a file counts the data store anew.
 class DsInfoRun {
  public:
-  // The directory ROOT/<dsid> exists. Waits while another run counts.
-  cr_status_t open(const std::string& root, unsigned int dsid);
+  // The directory ROOT/<dsid> exists. Waits while another run counts, until `stop` is set: then the
+  // status is CR_STATUS_BUSY.
+  cr_status_t open(const std::string& root, unsigned int dsid,
+                   const std::atomic<bool>* stop = nullptr);
 
   // Whether opening had to count what was there, because the counters could not be trusted or were
-  // missing from a data store that is not new; and the status of that. While not everything can be
+  // missing from a data store that is not new; and what came of that. While not everything can be
   // counted, every first run tries.
   bool recounted() const { return recounted_; }
-  cr_status_t count_status() const { return count_status_; }
+  const CountResult& count_result() const { return count_result_; }
 
   void add(const ds_info_t& delta) { add_counters(&delta_, delta); }
 
-  // The deltas do not tell all that was changed: the run stays on the account, so that the next one
-  // counts anew.
+  // The deltas do not tell all that was changed. Closing counts anew when no other run is at work
+  // and nobody asks to stop; else the run stays on the account, so that a later one does.
   void distrust() { trusted_ = false; }
 
   // Once. A failure leaves the run on the account.
@@ -68,9 +76,10 @@ class DsInfoRun {
 
   std::string root_;
   unsigned int dsid_ = 0;
+  const std::atomic<bool>* stop_ = nullptr;
   refhost::Fd lock_;  // held shared for the life of the run
   bool recounted_ = false;
-  cr_status_t count_status_ = CR_STATUS_OK;
+  CountResult count_result_;
   ds_info_t delta_{};
   bool trusted_ = true;
 };

@@ -97,8 +97,8 @@ int report_bad_path(const Console& console, const std::string& path) {
 
 bool names_directory(const std::string& path) { return !path.empty() && path.back() == '/'; }
 
-bool has_record(const CatalogPath& directory) {
-  return is_there(directory.child(DirPO::recordfilename()).full());
+bool has_record(const std::string& directory) {
+  return is_there(directory + "/" + DirPO::recordfilename());
 }
 
 }  // namespace cli

@@ -39,6 +39,6 @@ int report_bad_path(const Console& console, const std::string& path);
 bool names_directory(const std::string& path);
 
 // Whether the directory's own record is there. One without never arrived: it is not counted.
-bool has_record(const CatalogPath& directory);
+bool has_record(const std::string& directory);
 
 }  // namespace cli

@@ -51,9 +51,7 @@ struct Wanted {
   std::optional<std::int64_t> newer;
 
   bool admits(const refhost::RecordFields& fields) const {
-    // Times before 1970 are stored as they wrap.
-    return (!size || size->admits(fields.size)) &&
-           (!newer || static_cast<std::int64_t>(fields.mtime) > *newer);
+    return (!size || size->admits(fields.size)) && (!newer || signed_time(fields.mtime) > *newer);
   }
 };
 
@@ -94,8 +92,8 @@ void print_file(const Console& console, bool nul, const std::string& path,
   nlohmann::ordered_json object;
   set_name(object, "path", path);
   object["size"] = fields.size;
-  object["mtime"] = fields.mtime;
-  object["mtime_utc"] = utc_time(fields.mtime);
+  object["mtime"] = signed_time(fields.mtime);
+  object["mtime_utc"] = file_time(fields.mtime);
   set_name(object, "poid", fields.poid);
   print_line(console, object);
 }

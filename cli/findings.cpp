@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 #include <ostream>
 
+#include "cli/format.h"
 #include "cli/json.h"
 
 namespace cli {
@@ -69,8 +70,8 @@ int Findings::conclude() const {
                           {"not_examined", unexamined_}});
   } else {
     console_.out << fmt::format(
-        "{} databases, {} rows: {} damaged rows, {} other findings, {} not examined\n", databases_,
-        rows_, damaged_rows_, other_, unexamined_);
+        "{}, {}: {}, {}, {} not examined\n", counted(databases_, "database"), counted(rows_, "row"),
+        counted(damaged_rows_, "damaged row"), counted(other_, "other finding"), unexamined_);
   }
   return exit_status();
 }

@@ -1,5 +1,7 @@
 #include "cli/format.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <array>
 #include <ctime>
@@ -8,6 +10,15 @@ namespace cli {
 namespace {
 
 constexpr std::uint64_t kLastSecondOfYear9999 = 253402300799;
+constexpr std::int64_t kFirstSecondOfYear0 = -62167219200;
+
+// Of years from 0 to 9999.
+std::string text_of(std::time_t time) {
+  std::tm parts = {};
+  gmtime_r(&time, &parts);
+  return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}Z", parts.tm_year + 1900, parts.tm_mon + 1,
+                     parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec);
+}
 
 char type_letter(int type) {
   if (type == PO_TYPE_DIR) return 'd';
@@ -22,13 +33,18 @@ void mark(char& place, bool set, char with_x, char without_x) {
 }  // namespace
 
 std::string utc_time(std::uint64_t seconds) {
-  if (seconds > kLastSecondOfYear9999) return "-";
-  const auto time = static_cast<std::time_t>(seconds);
-  std::tm parts = {};
-  gmtime_r(&time, &parts);
-  std::array<char, 32> text = {};
-  const std::size_t length = std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &parts);
-  return {text.data(), length};
+  return seconds > kLastSecondOfYear9999 ? "-" : text_of(static_cast<std::time_t>(seconds));
+}
+
+std::int64_t signed_time(std::uint64_t seconds) { return static_cast<std::int64_t>(seconds); }
+
+std::string file_time(std::uint64_t seconds) {
+  const std::int64_t time = signed_time(seconds);
+  return time < 0 && time >= kFirstSecondOfYear0 ? text_of(time) : utc_time(seconds);
+}
+
+std::string counted(std::uint64_t count, const std::string& thing) {
+  return std::to_string(count) + " " + thing + (count == 1 ? "" : "s");
 }
 
 std::string duration(std::uint64_t seconds) {

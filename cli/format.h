@@ -11,6 +11,13 @@ namespace cli {
 // Seconds since the epoch as "2026-03-04T05:06:07Z"; "-" beyond the year 9999.
 std::string utc_time(std::uint64_t seconds);
 
+// The same for the time of a file, which may lie before 1970: such times are stored modulo 2^64.
+std::string file_time(std::uint64_t seconds);
+std::int64_t signed_time(std::uint64_t seconds);
+
+// "1 list", "2 lists".
+std::string counted(std::uint64_t count, const std::string& thing);
+
 // A period by its two largest units: "89d 23h", "5m 0s", "7s".
 std::string duration(std::uint64_t seconds);
 

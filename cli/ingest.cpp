@@ -1,6 +1,7 @@
 #include "cli/ingest.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <exception>
 #include <filesystem>
@@ -11,6 +12,7 @@
 #include <vector>
 
 #include "cli/catalog.h"
+#include "cli/cause.h"
 #include "cli/dir_lock.h"
 #include "cli/dir_record.h"
 #include "cli/dsinfo.h"
@@ -80,10 +82,11 @@ class Ingest {
   int run();
 
  private:
-  bool find_source();
+  cr_status_t find_source();
   int make_catalog();
   bool source_lies_in_catalog() const;
   int update_data_store();
+  void report_count() const;
   cr_status_t make_client_directory();
   void walk();
   void work(TreeWalk& tree) noexcept;
@@ -115,28 +118,33 @@ int Ingest::failed(const std::string& path, cr_status_t status, const std::strin
 }
 
 int Ingest::run() {
-  if (!find_source()) return failed(options_.source, CR_STATUS_NOT_FOUND, "is no directory");
+  const cr_status_t found = find_source();
+  if (found != CR_STATUS_OK) return failed(options_.source, found, "is no directory to read");
   const int made = make_catalog();
   return made != kDone ? made : update_data_store();
 }
 
 // The user named SOURCE, so a symbolic link there is followed; none is further down.
-bool Ingest::find_source() {
+cr_status_t Ingest::find_source() {
   std::error_code failure;
   top_.source = std::filesystem::canonical(options_.source, failure).string();
-  return !failure && wa_isdir(top_.source.c_str()) && find_id(top_.source, &top_.id);
+  errno = failure.value();
+  if (failure || !find_id(top_.source, &top_.id)) return status_of_errno("stat");
+  return wa_isdir(top_.source.c_str()) ? CR_STATUS_OK : CR_STATUS_NOT_FOUND;
 }
 
 int Ingest::make_catalog() {
   if (source_lies_in_catalog()) {
-    console_.err << "pocatalog: " << printable(options_.source) << ": lies in the catalog\n";
+    failed(options_.source, CR_STATUS_OK, "lies in the catalog");
     return kUsage;
   }
-  const cr_status_t status = wa_createtree(data_store().c_str(), 0700);
+  const cr_status_t status = keep_errno_of(wa_createtree(data_store().c_str(), 0700));
   if (status != CR_STATUS_OK) return failed(data_store(), status, "cannot be made");
   for (const std::string& directory : {job_.root, data_store()}) {
     FileId id{};
-    if (!find_id(directory, &id)) return failed(directory, CR_STATUS_FAILED, "cannot be examined");
+    if (!find_id(directory, &id)) {
+      return failed(directory, status_of_errno("stat"), "cannot be examined");
+    }
     job_.catalog.push_back(id);
   }
   top_.catalog = client_directory() + "/" + options_.policy;
@@ -156,12 +164,12 @@ bool Ingest::source_lies_in_catalog() const {
 
 int Ingest::update_data_store() {
   const std::string directory = data_store();
-  cr_status_t status = account_.open(job_.root, job_.dsid);
-  if (status != CR_STATUS_OK) return failed(directory, status, "its counters cannot be used");
-  if (account_.recounted()) {
-    report(console_, directory, account_.count_status(),
-           "the counters were not to be trusted, and were counted anew");
+  cr_status_t status = account_.open(job_.root, job_.dsid, job_.stop);
+  if (status == CR_STATUS_BUSY && *job_.stop) {
+    return failed(directory, CR_STATUS_OK, "stopped by a signal; nothing was done");
   }
+  if (status != CR_STATUS_OK) return failed(directory, status, "its counters cannot be used");
+  if (account_.recounted()) report_count();
   status = make_client_directory();
   if (status == CR_STATUS_OK) walk();
   const cr_status_t closed = account_.close();
@@ -170,6 +178,18 @@ int Ingest::update_data_store() {
   const int done = finish();
   if (closed == CR_STATUS_OK) return done;
   return failed(directory, closed, "its counters cannot be written; the next run counts anew");
+}
+
+void Ingest::report_count() const {
+  const CountResult& count = account_.count_result();
+  if (count.status == CR_STATUS_OK) {
+    report(console_, data_store(), CR_STATUS_OK,
+           "the counters were not to be trusted, and were counted anew");
+  } else {
+    report(console_, count.unread, count.status,
+           "cannot be counted: the counters of the data store are not to be trusted, and the next "
+           "run counts anew");
+  }
 }
 
 cr_status_t Ingest::make_client_directory() {
@@ -200,7 +220,7 @@ void Ingest::walk() {
 // counted anew.
 void Ingest::work(TreeWalk& tree) noexcept {
   try {
-    FileReader reader(*job_.stop);
+    FileReader reader(*job_.stop, progress_);
     DirectoryTask task;
     while (tree.next(&task)) {
       DirectoryResult result = ingest_directory(job_, task, reader);
@@ -237,7 +257,7 @@ int Ingest::finish() {
 int ingest(const Console& console, const IngestOptions& options) {
   for (const std::string& name : {options.client, options.policy}) {
     if (is_catalog_name(name)) continue;
-    console.err << "pocatalog: \"" << printable(name) << "\" cannot be the name of a directory\n";
+    report(console, name, CR_STATUS_OK, "cannot be the name of a directory");
     return kUsage;
   }
   return Ingest(console, options).run();

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "cli/catalog.h"
+#include "cli/cause.h"
 #include "cli/dir_lock.h"
 #include "cli/dir_record.h"
 #include "cli/directory_batch.h"
@@ -72,6 +73,7 @@ void DirectoryIngest::fail(const std::string& path, cr_status_t status, const st
 }
 
 DirectoryResult DirectoryIngest::run() {
+  take_cause();  // of what was overcome elsewhere
   ++result_.outcome.counts.directories;
   if (!database_path_fits(task_.catalog)) {
     fail(task_.source, CR_STATUS_BAD_ARG, "skipped: its path would be too long for a database");
@@ -185,7 +187,7 @@ void DirectoryIngest::store(RowBatch& batch, const std::string& name) {
   const bool with_content = job_.with_content || batch.lacks_list(name);
   if (reader_.read(source_.fd(), name, with_content, &file, &why)) {
     batch.store(name, file);
-    job_.progress->entry(static_cast<std::uint64_t>(file.attributes.st_size));
+    job_.progress->entry();
   } else if (!*job_.stop) {
     batch.outcome().not_done({source_of(name), CR_STATUS_FAILED, why});
   }

@@ -6,13 +6,17 @@
 #include <utility>
 
 #include "cli/catalog.h"
+#include "cli/cause.h"
+#include "cli/command.h"
 #include "cli/dsinfo.h"
 
 namespace cli {
 
 Problem os_problem(const std::string& path, const std::string& text) {
   const std::string reason = std::generic_category().message(errno);
-  return {path, status_of_errno("ingest"), text + ": " + reason};
+  const cr_status_t status = status_of_errno("ingest");
+  take_cause();  // told already
+  return {path, status, text + ": " + reason};
 }
 
 void IngestCounts::add(const IngestCounts& other) {
@@ -38,8 +42,11 @@ void IngestOutcome::mended(const std::string& path, const std::string& text) {
   problems.push_back({path, CR_STATUS_OK, text});
 }
 
+// The cause is known now, and told later.
 void IngestOutcome::not_done(Problem problem) {
   ++counts.not_done;
+  const std::string cause = take_cause();
+  if (needs_cause(problem.status) && !cause.empty()) problem.text += ": " + printable(cause);
   problems.push_back(std::move(problem));
 }
 

@@ -4,6 +4,7 @@
 
 #include "cli/batch_errors.h"
 #include "cli/catalog.h"
+#include "cli/cause.h"
 #include "cli/list_faults.h"
 #include "cli/sqlite_reader.h"
 #include "host/files.h"
@@ -37,9 +38,7 @@ class Table {
 
   Table(const std::string& file, const std::string& table, const std::string& columns, Fail fail)
       : fail_(fail) {
-    if (!is_there(file)) return;
-    int code = connection_.open(file);
-    if (code == SQLITE_OK) code = find_table(connection_, table);
+    const int code = open_table(file, table, &connection_);
     if (code != SQLITE_ROW && code != SQLITE_DONE) fail_(code);
     exists_ = code == SQLITE_ROW;
     if (exists_) rows_.emplace(connection_, "SELECT " + columns + " FROM " + table + kOrder);
@@ -80,7 +79,7 @@ bool intact(const Table& list) {
 }
 
 void remove_lists(const std::string& file) {
-  const cr_status_t status = wa_deletefile(file.c_str());
+  const cr_status_t status = keep_errno_of(wa_deletefile(file.c_str()));
   if (status == CR_STATUS_OK) return;
   throw DirectoryError{status, "its lists of containers are damaged and cannot be removed"};
 }

@@ -10,9 +10,7 @@ namespace {
 // CR_STATUS_NOT_FOUND when the directory has no database with lists.
 cr_status_t open_lists(const CatalogPath& directory, Connection* connection) {
   const std::string file = directory.child(SQLiteULDB::dbfilename()).full();
-  if (!is_there(file)) return CR_STATUS_NOT_FOUND;
-  int code = connection->open(file);
-  if (code == SQLITE_OK) code = find_table(*connection, "utable");
+  const int code = open_table(file, "utable", connection);
   if (code == SQLITE_DONE) return CR_STATUS_NOT_FOUND;
   return code == SQLITE_ROW ? CR_STATUS_OK : status_of_sqlite(code);
 }

@@ -20,8 +20,8 @@ nlohmann::ordered_json json_of(const refhost::RecordFields& fields) {
   object["mode"] = fmt::format("{:#o}", fields.mode);
   set_name(object, "owner", fields.owner);
   object["size"] = fields.size;
-  object["mtime"] = fields.mtime;
-  object["mtime_utc"] = utc_time(fields.mtime);
+  object["mtime"] = signed_time(fields.mtime);
+  object["mtime_utc"] = file_time(fields.mtime);
   object["immutable"] = (fields.special_flags & SF_IMMUTABLE) != 0;
   object["retention_lock"] = (fields.special_flags & SF_RETENTION_LOCK) != 0;
   return object;
@@ -35,7 +35,7 @@ void print_entry(const Console& console, const std::string& name, const _po_t* r
     return print_line(console, object);
   }
   console.out << fmt::format("{} {:>11} {:>12} {:>20} {} {}\n", mode_letters(fields),
-                             printable(fields.owner), fields.size, utc_time(fields.mtime),
+                             printable(fields.owner), fields.size, file_time(fields.mtime),
                              flag_letters(fields.special_flags), printable(name));
 }
 
@@ -103,7 +103,7 @@ class Listing {
     for (const cr_status_t status : {rows_.status(), entries_.status()}) {
       if (status == CR_STATUS_OK) continue;
       report(console_, directory_.full(), status, "cannot be read");
-      return kFailed;
+      return status == CR_STATUS_CORRUPT ? kInconsistent : kFailed;
     }
     if (!is_root() && rows_.has_nameless_rows()) {
       report(console_, directory_.full(), CR_STATUS_OK, "has rows without a usable name");
@@ -135,7 +135,7 @@ int ls(const Console& console, const LsOptions& options) {
   const cr_status_t status = check_directory(*path);
   if (status == CR_STATUS_OK) return Listing(console, *path).run();
   if (path->components.empty() || status != CR_STATUS_NOT_FOUND || names_directory(options.path)) {
-    report(console, path->full(), status, "no such directory");
+    report(console, path->full(), status, unreached_text(status));
     return kFailed;
   }
   return list_file(console, *path);

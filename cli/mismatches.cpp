@@ -25,9 +25,7 @@ class Table {
       : file_(directory.child(file).full()), name_(std::move(table)) {}
 
   cr_status_t open() {
-    if (!is_there(file_)) return CR_STATUS_OK;
-    int code = connection_.open(file_);
-    if (code == SQLITE_OK) code = find_table(connection_, name_);
+    const int code = open_table(file_, name_, &connection_);
     has_rows_ = code == SQLITE_ROW;
     return has_rows_ || code == SQLITE_DONE ? CR_STATUS_OK : status_of_sqlite(code);
   }

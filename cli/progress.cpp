@@ -16,9 +16,17 @@ constexpr const char* kEraseLine = "\r\x1b[K";
 Progress::Progress(const Console& console)
     : console_(console), start_(Clock::now()), drawn_(start_) {}
 
-void Progress::entry(std::uint64_t bytes) {
+void Progress::entry() {
   ++entries_;
-  bytes_ += bytes;
+  draw_when_due();
+}
+
+void Progress::bytes(std::uint64_t count) {
+  bytes_ += count;
+  draw_when_due();
+}
+
+void Progress::draw_when_due() {
   if (!console_.progress) return;
   const std::unique_lock<std::mutex> lock(drawing_, std::try_to_lock);
   if (!lock.owns_lock()) return;

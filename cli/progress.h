@@ -10,13 +10,14 @@
 
 namespace cli {
 
-// Shows entries, bytes and rate on a terminal, a few times a second; nothing elsewhere. `entry` may
-// be called from any thread.
+// Shows entries, bytes read and rate on a terminal, a few times a second; nothing elsewhere. Counts
+// from any thread.
 class Progress {
  public:
   explicit Progress(const Console& console);
 
-  void entry(std::uint64_t bytes);
+  void entry();
+  void bytes(std::uint64_t count);  // in the middle of a large file, too
 
   // Takes the line away, so that something else can be printed there; it does not come back before
   // the result is destroyed.
@@ -25,6 +26,7 @@ class Progress {
  private:
   using Clock = std::chrono::steady_clock;
 
+  void draw_when_due();
   void draw(Clock::time_point now);
 
   const Console& console_;

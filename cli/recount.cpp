@@ -1,10 +1,10 @@
 // Counting a data store from what it holds.
 #include "cli/catalog.h"
+#include "cli/cause.h"
 #include "cli/database.h"
 #include "cli/dir_list.h"
 #include "cli/dsinfo.h"
-#include "host/files.h"
-#include "po/dir_po.h"
+#include "cli/entry.h"
 
 namespace cli {
 namespace {
@@ -33,24 +33,27 @@ cr_status_t count_rows(SQLitePODB& db, ds_info_t* counters) {
 
 cr_status_t count_directory(const CatalogPath& path, ds_info_t* counters) {
   const std::string directory = path.full();
-  const std::string record = directory + "/" + DirPO::recordfilename();
-  if (wa_access(record.c_str(), 0) == CR_STATUS_OK) ++counters->dir_count;
+  if (has_record(directory)) ++counters->dir_count;
   SQLitePODB db(path.root, directory);
   return count_rows(db, counters);
 }
 
 }  // namespace
 
-cr_status_t count_data_store(const std::string& root, unsigned int dsid, ds_info_t* counters) {
-  cr_status_t failure = CR_STATUS_OK;
-  const auto keep_first = [&failure](cr_status_t status) {
-    if (failure == CR_STATUS_OK) failure = status;
+CountResult count_data_store(const std::string& root, unsigned int dsid, ds_info_t* counters) {
+  CountResult result;
+  std::string cause;
+  const auto keep_first = [&](const CatalogPath& path, cr_status_t status) {
+    if (result.status != CR_STATUS_OK || status == CR_STATUS_OK) return;
+    result = {status, path.full()};
+    cause = take_cause();
   };
   walk_directories(
       CatalogPath{root, {std::to_string(dsid)}},
-      [&](const CatalogPath& path) { keep_first(count_directory(path, counters)); },
-      [&](const CatalogPath&, cr_status_t status) { keep_first(status); });
-  return failure;
+      [&](const CatalogPath& path) { keep_first(path, count_directory(path, counters)); },
+      keep_first);
+  if (!cause.empty()) keep_cause(cause);
+  return result;
 }
 
 }  // namespace cli

@@ -1,7 +1,5 @@
 #include "cli/row_batch.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <memory>
 
@@ -9,6 +7,8 @@
 #include "cli/attributes.h"
 #include "cli/batch_errors.h"
 #include "cli/entry.h"
+#include "cli/format.h"
+#include "cli/row_pager.h"
 #include "refhost/record.h"
 #include "uldb/sqlite_uldb.h"
 
@@ -104,6 +104,12 @@ void RowBatch::refuse_protected(const std::string& name) {
   outcome_.not_done({path_of(name), CR_STATUS_IMMUTABLE, "left alone: it is protected"});
 }
 
+void RowBatch::refuse_damaged(const std::string& name) {
+  outcome_.not_done({path_of(name), CR_STATUS_BAD_DATA,
+                     "not removed: its row is damaged, and may be protected: see pocatalog verify "
+                     "and rm --damaged-row"});
+}
+
 // The file itself is the only cure of a damaged row.
 void RowBatch::replace_damaged(const std::string& name) {
   displaced_damage_ = true;
@@ -117,11 +123,12 @@ void RowBatch::store(const std::string& name, const SourceFile& file) {
   const std::uint64_t size = incoming.get_size();
   FilePO stored(job_.dsid);
   const Stored found = load(name, &stored);
-  const bool same = found == Stored::readable && is_same(stored, incoming);
+  const bool damaged = found == Stored::damaged || damaged_.named.count(name) != 0;
+  const bool same = !damaged && found == Stored::readable && is_same(stored, incoming);
   if (found == Stored::readable && !same && protected_entry(stored.record(), job_.clock)) {
     return refuse_protected(name);
   }
-  if (found == Stored::damaged) replace_damaged(name);
+  if (damaged) replace_damaged(name);
   if (same) {
     close_gap(stored, file.content);
   } else {
@@ -151,18 +158,19 @@ void RowBatch::close_gap(const FilePO& stored, const Content& content) {
 }
 
 void RowBatch::remove_others(const std::vector<std::string>& kept) {
+  for (const std::string& name : damaged_.nameless) refuse_damaged(name);
   std::string last;
   for (;;) {
     std::vector<std::string> names;
-    const std::string after = "basename > '" + base::sql_escaped(last) + "'";
+    const std::string after =
+        std::string(kNamedRows) + " AND basename > '" + base::sql_escaped(last) + "'";
     const cr_status_t status = db_.select_basenames(&names, after, ORDER_ASCENDING, kNamesAtOnce);
     if (status == CR_STATUS_NOT_FOUND) return;  // no database
     if (status != CR_STATUS_OK) throw DirectoryError{status, "its database cannot be read"};
     for (const std::string& name : names) {
       if (!std::binary_search(kept.begin(), kept.end(), name)) remove(name);
     }
-    // A damaged name may read shorter than it compares: the walk must not go in circles.
-    if (names.size() < kNamesAtOnce || names.back() <= last) return;
+    if (names.size() < kNamesAtOnce) return;
     last = names.back();
   }
 }
@@ -176,9 +184,7 @@ void RowBatch::remove(const std::string& name) {
     return refuse_protected(name);
   }
   if (found == Stored::damaged) {
-    return outcome_.not_done({path_of(name), CR_STATUS_BAD_DATA,
-                              "not removed: it is damaged, and nobody knows whether it is "
-                              "protected"});
+    return refuse_damaged(name);
   }
   refhost::RecordFields fields = refhost::get_fields(gone.record());
   fields.mod_type = PO_MODTYPE_DELETE;
@@ -238,13 +244,12 @@ void RowBatch::tell_gaps(const POQueue& users) {
   if (lists_mended_ != 0) {
     outcome_.counts.mended += lists_mended_;
     outcome_.problems.push_back(
-        {file, CR_STATUS_OK, fmt::format("mended: {} lists of containers", lists_mended_)});
+        {file, CR_STATUS_OK, "mended: " + counted(lists_mended_, "list") + " of containers"});
   }
   if (missing.empty()) return;
   outcome_.not_done({file, CR_STATUS_NOT_FOUND,
-                     fmt::format("{} contents have no list of containers, and no file to make it "
-                                 "from",
-                                 missing.size())});
+                     "no list of containers, and no file to make it from, for " +
+                         counted(missing.size(), "content")});
 }
 
 void RowBatch::commit() {

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "cli/container_lists.h"
+#include "cli/damaged_rows.h"
 #include "cli/ingest_dir.h"
 #include "cli/list_gaps.h"
 #include "cli/source_file.h"
@@ -22,8 +23,12 @@ namespace cli {
 // Destroyed uncommitted, it rolls back. Operations throw what stands in cli/batch_errors.h.
 class RowBatch {
  public:
-  RowBatch(const IngestJob& job, SQLitePODB& db, ListGaps gaps)
-      : job_(job), db_(db), gaps_(std::move(gaps)), lists_(db.get_dir()) {}
+  RowBatch(const IngestJob& job, SQLitePODB& db, DamagedRows damaged, ListGaps gaps)
+      : job_(job),
+        db_(db),
+        damaged_(std::move(damaged)),
+        gaps_(std::move(gaps)),
+        lists_(db.get_dir()) {}
   RowBatch(const RowBatch&) = delete;
   RowBatch& operator=(const RowBatch&) = delete;
   ~RowBatch();
@@ -55,6 +60,7 @@ class RowBatch {
   Stored load(const std::string& name, FilePO* stored);
   bool is_same(const FilePO& stored, const FilePO& incoming) const;
   void refuse_protected(const std::string& name);
+  void refuse_damaged(const std::string& name);
   void replace_damaged(const std::string& name);
   void update(const std::string& name, FilePO* entry, const Content& content);
   void close_gap(const FilePO& stored, const Content& content);
@@ -64,6 +70,7 @@ class RowBatch {
 
   const IngestJob& job_;
   SQLitePODB& db_;
+  const DamagedRows damaged_;
   ListGaps gaps_;
   ContainerLists lists_;
   bool begun_ = false;

@@ -92,6 +92,13 @@ void check_text(const char* name, const RawColumn& column, Faults* faults) {
   }
 }
 
+bool has_usable_name(const RawRow& row) {
+  Faults faults;
+  check_text("basename", row.basename, &faults);
+  if (faults.empty()) check_name(row.basename.bytes, &faults);
+  return faults.empty();
+}
+
 Faults row_faults(const RawRow& row) {
   Faults faults = column_faults(row);
   if (!faults.empty()) return faults;

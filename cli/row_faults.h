@@ -29,6 +29,9 @@ const char* type_name(int type);
 // Adds what is wrong with a column that is to hold a text without NUL bytes.
 void check_text(const char* name, const RawColumn& column, std::vector<std::string>* faults);
 
+// Whether an entry can have that name: a path can lead to it.
+bool has_usable_name(const RawRow& row);
+
 // One text for each thing that is wrong; none for a sound row.
 std::vector<std::string> row_faults(const RawRow& row);
 

@@ -1,5 +1,7 @@
 #include "cli/row_pager.h"
 
+#include <sys/stat.h>
+
 #include <unordered_map>
 #include <utility>
 
@@ -9,12 +11,6 @@ namespace cli {
 namespace {
 
 constexpr unsigned long kPage = 512;
-
-// A damaged name must not stop the walk or send it in circles: a blob is greater than every text,
-// and a text with a NUL in it reads back shorter than it compares.
-constexpr const char* kNamed =
-    "(typeof(basename) = 'text' AND basename <> ''"
-    " AND instr(CAST(basename AS BLOB), x'00') = 0 AND instr(CAST(basename AS BLOB), x'2F') = 0)";
 
 std::string quoted(const std::string& name) { return "'" + base::sql_escaped(name) + "'"; }
 
@@ -34,7 +30,7 @@ cr_status_t read_range(SQLitePODB* db, const std::string& condition, const std::
 
 RowPager::RowPager(const CatalogPath& directory, const std::string& condition)
     : db_(directory.root, directory.full()),
-      condition_(kNamed + (condition.empty() ? "" : " AND (" + condition + ")")) {}
+      condition_(kNamedRows + (condition.empty() ? "" : " AND (" + condition + ")")) {}
 
 const Row* RowPager::next() {
   if (position_ == page_.size() && !fill()) return nullptr;
@@ -43,7 +39,7 @@ const Row* RowPager::next() {
 
 bool RowPager::fill() {
   if (last_page_) return false;
-  status_ = db_.check_db_existence(false);
+  status_ = look();
   if (status_ == CR_STATUS_OK)
     status_ = read_page();
   else
@@ -52,6 +48,13 @@ bool RowPager::fill() {
   last_page_ = status_ != CR_STATUS_OK || page_.size() < kPage;
   if (status_ == CR_STATUS_NOT_FOUND) status_ = CR_STATUS_OK;  // no database: no rows
   return !page_.empty();
+}
+
+// The library takes a database that it cannot look at for an empty one.
+cr_status_t RowPager::look() {
+  struct stat found = {};
+  if (lstat(db_.get_dbfile_path().c_str(), &found) != 0) return status_of_errno("lstat");
+  return db_.check_db_existence(false);
 }
 
 cr_status_t RowPager::read_page() {
@@ -75,7 +78,7 @@ bool RowPager::has_nameless_rows() {
   if (db_.check_db_existence(false) != CR_STATUS_OK) return false;
   std::vector<std::string> names;
   // A name that is NULL fails the query: that is one, too.
-  return db_.select_basenames(&names, std::string("NOT ") + kNamed, ORDER_NONE, 1) !=
+  return db_.select_basenames(&names, std::string("NOT ") + kNamedRows, ORDER_NONE, 1) !=
              CR_STATUS_OK ||
          !names.empty();
 }

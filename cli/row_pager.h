@@ -11,6 +11,12 @@
 
 namespace cli {
 
+// SQL for the rows with a name. Others must not stop a walk by name or send it in circles: a blob
+// is greater than every text, and a text with a NUL in it reads back shorter than it compares.
+inline constexpr const char* kNamedRows =
+    "(typeof(basename) = 'text' AND basename NOT IN ('', '.', '..')"
+    " AND instr(CAST(basename AS BLOB), x'00') = 0 AND instr(CAST(basename AS BLOB), x'2F') = 0)";
+
 struct Row {
   std::string name;
   boost::intrusive_ptr<PO> entry;  // null when the row is damaged
@@ -33,6 +39,7 @@ class RowPager {
 
  private:
   bool fill();
+  cr_status_t look();
   cr_status_t read_page();
 
   SQLitePODB db_;

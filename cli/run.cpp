@@ -4,11 +4,11 @@
 
 #include <array>
 #include <iostream>
-#include <limits>
 #include <memory>
 #include <string>
 
 #include "cli/catalog.h"
+#include "cli/cause.h"
 #include "cli/check.h"
 #include "cli/command.h"
 #include "cli/dcids.h"
@@ -30,6 +30,19 @@ std::string root_fault(std::string& root) {
   return absolute_root(root).empty() ? "is the root of the file system, which is no catalog" : "";
 }
 
+// A number as the name of a data store's directory writes it: "010" is none, least of all 8.
+CLI::Option* add_dsid(CLI::App* command, const std::string& help, unsigned int least,
+                      const std::function<void(unsigned int)>& take) {
+  const auto parse = [least, take](const std::string& text) {
+    const auto dsid = parse_dsid(text);
+    if (!dsid || *dsid < least) {
+      throw CLI::ValidationError("--dsid", text + " is no decimal number of a data store");
+    }
+    take(*dsid);
+  };
+  return command->add_option_function<std::string>("--dsid", parse, help)->type_name("N");
+}
+
 void declare_ingest(CLI::App& app, Request& request) {
   const auto options = std::make_shared<IngestOptions>();
   CLI::App* command = add_subcommand(
@@ -41,17 +54,18 @@ void declare_ingest(CLI::App& app, Request& request) {
       ingest, options);
   command->add_option("SOURCE", options->source, "The directory to ingest")->required();
   add_root(command, options->root, "--root", "The catalog's root directory; made when missing");
-  command->add_option("--dsid", options->dsid, "The data store, a number from 1 on")
-      ->required()
-      ->check(CLI::Range(std::uint32_t{1}, std::numeric_limits<std::uint32_t>::max()));
+  add_dsid(command, "The data store, a number from 1 on", 1, [options](unsigned int dsid) {
+    options->dsid = dsid;
+  })->required();
   command->add_option("--client", options->client, "A name: the directory below the data store")
       ->required();
   command->add_option("--policy", options->policy, "A name: the directory below that")->required();
   command->add_flag("--delete", options->delete_missing,
                     "Remove entries that SOURCE no longer has. Protected ones stay");
-  command->add_flag("!--no-content", options->with_content,
-                    "Do not read the files: size and modification time tell which have changed, "
-                    "and those are stored without the identifier of their content");
+  command->add_flag_callback(
+      "--no-content", [options] { options->with_content = false; },
+      "Do not read the files: size and modification time tell which have changed, "
+      "and those are stored without the identifier of their content");
   command
       ->add_option("--threads", options->threads,
                    "How many directories to work on at once; as many as the machine has cores when "
@@ -86,11 +100,15 @@ void declare_rm(CLI::App& app, Request& request) {
   CLI::App* command = add_subcommand(
       app, request, "rm",
       "Removes one file entry, or a directory with nothing below it, and says so. Refuses, with "
-      "exit status 1 and the reason, entries of immutable images, damaged entries, and "
-      "directories that hold anything.",
+      "exit status 1 and the reason, protected and damaged entries, and directories that hold "
+      "anything.",
       rm, options);
   add_root(command, options->root);
   command->add_option("PATH", options->path, kPathHelp)->required();
+  command->add_option("--damaged-row", options->damaged_row,
+                      "Remove the row with this rowid, as verify names it, from the database of "
+                      "the directory PATH: for a damaged row that no file can replace. It may have "
+                      "been a protected one. A sound row is refused");
 }
 
 void declare_verify(CLI::App& app, Request& request) {
@@ -109,8 +127,8 @@ void declare_find(CLI::App& app, Request& request) {
   CLI::App* command = add_subcommand(
       app, request, "find",
       "Finds files by their names, and prints their paths below ROOT, directory by directory. "
-      "Damaged entries whose names match are named on standard error; the exit status is 4 then, "
-      "and 3 when a directory could not be read.",
+      "Damaged entries whose names match, and damaged databases, are named on standard error; the "
+      "exit status is 4 then, and 3 when a directory could not be read.",
       find, options);
   add_root(command, options->root);
   command
@@ -136,7 +154,8 @@ void declare_stats(CLI::App& app, Request& request) {
       "about 200 bytes of temporary space for each file; TMPDIR says where.",
       stats, options);
   add_root(command, options->root);
-  command->add_option("--dsid", options->dsid, "Only this data store");
+  add_dsid(command, "Only this data store", 0,
+           [options](unsigned int dsid) { options->dsid = dsid; });
 }
 
 void declare_dcids(CLI::App& app, Request& request) {
@@ -237,6 +256,7 @@ void add_root(CLI::App* command, std::string& root, const std::string& name,
 }
 
 int run(int argc, const char* const* argv, std::ostream& out, std::ostream& err) {
+  watch_sqlite();
   try {
     return parse_and_run(argc, argv, out, err);
   } catch (const std::exception& error) {

@@ -47,15 +47,15 @@ Shown describe(const CatalogPath& path, const PO& entry) {
   if (const auto* file = dynamic_cast<const FilePO*>(&entry))
     shown.checksum = row_checksum(*file);
   else
-    shown.default_record = !has_record(path);
+    shown.default_record = !has_record(path.full());
   return shown;
 }
 
 // The time that a field says, for those that say one.
-std::optional<std::uint64_t> time_of(const Shown& shown, const std::string& field) {
-  if (field == "mtime") return shown.values.mtime;
-  if (field == "ctime") return shown.values.ctime;
-  if (field == "atime") return shown.values.atime;
+std::optional<std::string> time_of(const Shown& shown, const std::string& field) {
+  if (field == "mtime") return file_time(shown.values.mtime);
+  if (field == "ctime") return file_time(shown.values.ctime);
+  if (field == "atime") return utc_time(shown.values.atime);  // the end of a lock
   return std::nullopt;
 }
 
@@ -70,7 +70,7 @@ void print_json(const Console& console, const Shown& shown) {
   for (const refhost::NamedField& field : shown.fields) {
     set_name(record, field.name, field.text);
     const auto time = time_of(shown, field.name);
-    if (time) record[std::string(field.name) + "_utc"] = utc_time(*time);
+    if (time) record[std::string(field.name) + "_utc"] = *time;
   }
   object["record"] = record;
   print_line(console, object);
@@ -78,7 +78,7 @@ void print_json(const Console& console, const Shown& shown) {
 
 void print_text(const Console& console, const Shown& shown) {
   const auto line = [&console](const std::string& name, const std::string& value) {
-    console.out << fmt::format("{:<14}", name) << (value.empty() ? "" : "  ") << value << '\n';
+    console.out << (value.empty() ? name : fmt::format("{:<14}  ", name) + value) << '\n';
   };
   line("path", printable(shown.path));
   line("full path", printable(shown.full_path));
@@ -87,7 +87,7 @@ void print_text(const Console& console, const Shown& shown) {
   if (shown.default_record) line("record", "none of its own: the default of directories");
   for (const refhost::NamedField& field : shown.fields) {
     const auto time = time_of(shown, field.name);
-    line(field.name, printable(field.text) + (time ? " (" + utc_time(*time) + ")" : ""));
+    line(field.name, printable(field.text) + (time ? " (" + *time + ")" : ""));
   }
 }
 

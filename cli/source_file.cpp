@@ -3,6 +3,7 @@
 #include <fcntl.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <system_error>
 
 namespace cli {
@@ -21,7 +22,8 @@ bool same_time(const timespec& a, const timespec& b) {
 
 }  // namespace
 
-FileReader::FileReader(const std::atomic<bool>& stop) : stop_(stop), buffer_(kBufferSize) {}
+FileReader::FileReader(const std::atomic<bool>& stop, Progress& progress)
+    : stop_(stop), progress_(progress), buffer_(kBufferSize) {}
 
 bool FileReader::read(int directory, const std::string& name, bool with_content, SourceFile* file,
                       std::string* why) {
@@ -80,6 +82,7 @@ bool FileReader::feed(const refhost::Fd& opened, off_t* length) {
     if (count < 0) return false;
     hash_.add(buffer_.data(), static_cast<std::size_t>(count));
     *length += count;
+    progress_.bytes(static_cast<std::uint64_t>(count));
   }
   errno = EINTR;
   return false;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "cli/content_hash.h"
+#include "cli/progress.h"
 #include "refhost/fd_internal.h"
 
 namespace cli {
@@ -17,10 +18,11 @@ struct SourceFile {
   Content content;  // nothing when it was not read
 };
 
-// Reads files, one after the other, with one buffer. A reading fails early once `stop` is set.
+// Reads files, one after the other, with one buffer, and shows how it gets on. A reading fails
+// early once `stop` is set.
 class FileReader {
  public:
-  explicit FileReader(const std::atomic<bool>& stop);
+  FileReader(const std::atomic<bool>& stop, Progress& progress);
 
   // The attributes, and the content when `with_content` says so. A file that is written to
   // meanwhile is read again, at most three times in all, so that attributes and content belong
@@ -36,6 +38,7 @@ class FileReader {
   bool feed(const refhost::Fd& opened, off_t* length);
 
   const std::atomic<bool>& stop_;
+  Progress& progress_;
   ContentHash hash_;
   std::vector<unsigned char> buffer_;
 };

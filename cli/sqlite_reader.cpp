@@ -1,5 +1,7 @@
 #include "cli/sqlite_reader.h"
 
+#include <sys/stat.h>
+
 #include <cstddef>
 #include <limits>
 
@@ -77,6 +79,13 @@ int find_table(const Connection& connection, const std::string& table) {
   Statement found(connection, "SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = ?");
   found.bind(1, table);
   return found.step();
+}
+
+int open_table(const std::string& file, const std::string& table, Connection* connection) {
+  struct stat found = {};
+  if (lstat(file.c_str(), &found) != 0) return SQLITE_DONE;
+  const int code = connection->open(file);
+  return code == SQLITE_OK ? find_table(*connection, table) : code;
 }
 
 cr_status_t status_of_sqlite(int code) {

@@ -70,6 +70,10 @@ int walk_table(const Connection& connection, const std::string& table, const std
 // not, or the code of a failure.
 int find_table(const Connection& connection, const std::string& table);
 
+// Opens a database that may be missing, for the sake of one table: SQLITE_ROW when it has that,
+// SQLITE_DONE when there is no file or no such table, or the code of a failure.
+int open_table(const std::string& file, const std::string& table, Connection* connection);
+
 // The status of a failure's code, never 0.
 cr_status_t status_of_sqlite(int code);
 

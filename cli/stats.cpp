@@ -12,6 +12,7 @@
 #include "cli/catalog_scan.h"
 #include "cli/content_tally.h"
 #include "cli/entry.h"
+#include "cli/format.h"
 #include "cli/json.h"
 #include "cli/list_reader.h"
 #include "uldb/sqlite_uldb.h"
@@ -49,7 +50,7 @@ class Statistics {
 
  private:
   void add(const CatalogPath& directory) {
-    if (has_record(directory)) ++directories_;
+    if (has_record(directory.full())) ++directories_;
     DirectorySize size{directory.inner()};
     scan_.read_rows(directory, "", [&](const std::string&, const refhost::RecordFields& fields) {
       ++size.files;
@@ -76,7 +77,7 @@ class Statistics {
     });
     const std::string file = directory.child(SQLiteULDB::dbfilename()).full();
     if (status != CR_STATUS_OK) scan_.unread(file, status);
-    if (damaged != 0) scan_.damaged(file, fmt::format("{} lists are damaged", damaged));
+    if (damaged != 0) scan_.damaged(file, "damaged: " + counted(damaged, "list"));
   }
 
   void add_containers(UDCIDRecord* list) {

@@ -68,7 +68,7 @@ int verify(const Console& console, const VerifyOptions& options) {
   Findings findings(console);
   const cr_status_t status = verify_catalog(root, &findings);
   if (status != CR_STATUS_OK) {
-    report(console, root.full(), status, "no such catalog");
+    report(console, root.full(), status, unreached_text(status));
     return kFailed;
   }
   return findings.conclude();

@@ -18,17 +18,20 @@ constexpr const char* kVersion = "1";
 
 Schema schema_of_entries() {
   const std::string collation = OSIsCaseSensitive() ? "" : "COLLATE NOCASE";
-  return {{"table po", "CREATE TABLE po (    basename TEXT " + collation +
-                           " PRIMARY KEY,    poid TEXT,    content TEXT,    crc INT)"},
-          {"index sqlite_autoindex_po_1", ""},
-          {"index po_poid", "CREATE INDEX po_poid ON po(poid)"},
-          {"table registry", "CREATE TABLE registry (    name TEXT PRIMARY KEY,    value TEXT)"},
-          {"index sqlite_autoindex_registry_1", ""}};
+  return {{"table po",
+           {"po", "CREATE TABLE po (    basename TEXT " + collation +
+                      " PRIMARY KEY,    poid TEXT,    content TEXT,    crc INT)"}},
+          {"index sqlite_autoindex_po_1", {"po", ""}},
+          {"index po_poid", {"po", "CREATE INDEX po_poid ON po(poid)"}},
+          {"table registry",
+           {"registry", "CREATE TABLE registry (    name TEXT PRIMARY KEY,    value TEXT)"}},
+          {"index sqlite_autoindex_registry_1", {"registry", ""}}};
 }
 
 Schema schema_of_lists() {
-  return {{"table utable", "CREATE TABLE utable (    poid TEXT PRIMARY KEY,    udcids BLOB)"},
-          {"index sqlite_autoindex_utable_1", ""}};
+  return {{"table utable",
+           {"utable", "CREATE TABLE utable (    poid TEXT PRIMARY KEY,    udcids BLOB)"}},
+          {"index sqlite_autoindex_utable_1", {"utable", ""}}};
 }
 
 void check_version(DatabaseCheck* check) {

@@ -9,6 +9,7 @@
 #include <memory>
 #include <thread>
 
+#include "cli/cause.h"
 #include "cli/dir_list.h"
 #include "cli/dsinfo.h"
 #include "cli/mismatches.h"
@@ -79,7 +80,7 @@ void check_record(const CatalogPath& directory, Look* look) {
   if (!S_ISREG(found.st_mode)) return look->add(file, "is not a regular file");
   if (found.st_size > kLongestRecord) return look->add(file, "is too long for a record");
   std::string text;
-  const cr_status_t status = wa_readfile(file.c_str(), &text);
+  const cr_status_t status = keep_errno_of(wa_readfile(file.c_str(), &text));
   if (status != CR_STATUS_OK) return look->add_unexamined(file, status, "cannot be read");
   for (const std::string& fault : record_faults(text, PO_TYPE_DIR)) look->add(file, fault);
 }

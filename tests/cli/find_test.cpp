@@ -98,7 +98,7 @@ TEST_F(FindTest, NothingIsLostBetweenPagesAndDamageIsNamed) {
   EXPECT_EQ(reported, 1200);
   EXPECT_EQ(outcome.err.find("odd"), std::string::npos);
   std::ofstream(database(image_)) << std::string(5000, 'x');
-  EXPECT_EQ(find({"*"}).status, cli::kIncomplete);
+  EXPECT_EQ(find({"*"}).status, cli::kInconsistent);
 }
 
 TEST_F(FindTest, WhatMakesNoSenseIsRefused) {

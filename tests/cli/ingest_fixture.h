@@ -63,10 +63,12 @@ class IngestTest : public testing::Test {
   Counters ingest(int status, const std::vector<std::string>& more = {}) {
     const Outcome outcome = run(more);
     EXPECT_EQ(outcome.status, status) << outcome.err;
-    if (outcome.out.empty()) return {};
-    const nlohmann::json summary = outcome.json().at(0);
-    return {summary["added"], summary["replaced"], summary["unchanged"], summary["removed"],
-            summary["not_done"]};
+    for (const auto& line : outcome.json()) {  // among the problems
+      if (!line.contains("added")) continue;
+      return {line["added"], line["replaced"], line["unchanged"], line["removed"],
+              line["not_done"]};
+    }
+    return {};
   }
 
   // Total size, directories, files and open runs.

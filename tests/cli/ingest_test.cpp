@@ -161,8 +161,9 @@ TEST_F(IngestTest, WithoutContentsSizeAndTimeTellWhatChanged) {
 }
 
 TEST_F(IngestTest, WrongArgumentsAreRefusedBeforeAnythingIsMade) {
-  for (const char* wrong : {"--dsid=0", "--dsid=4294967296", "--client=", "--policy=..",
-                            "--client=a/b", "--policy=__dirpo__", "--client=__dsinfo__.lock"}) {
+  for (const char* wrong :
+       {"--dsid=0", "--dsid=4294967296", "--dsid=010", "--client=", "--policy=..", "--client=a/b",
+        "--policy=__dirpo__", "--client=__dsinfo__.lock"}) {
     std::map<std::string, std::string> options = {
         {"--dsid", "--dsid=5"}, {"--client", "--client=c"}, {"--policy", "--policy=p"}};
     options[std::string(wrong, std::strchr(wrong, '='))] = wrong;

@@ -50,6 +50,8 @@ class ListCommandsTest : public ListsTest {
     *status = outcome.status;
     auto lines = outcome.json();
     lines.pop_back();
+    const auto failed = [](const nlohmann::json& line) { return line.contains("problem"); };
+    lines.erase(std::remove_if(lines.begin(), lines.end(), failed), lines.end());
     return lines;
   }
 
@@ -200,7 +202,7 @@ TEST_F(ListCommandsTest, StatsCountContentsAndContainersOnce) {
   raw_sql(lists(), "UPDATE utable SET udcids = x'00' WHERE poid LIKE '%2'");
   const Outcome outcome = run_command({"stats", "--json", root_});
   EXPECT_EQ(outcome.status, cli::kInconsistent);
-  EXPECT_EQ(outcome.json().at(0).dump(),
+  EXPECT_EQ(outcome.json().at(1).dump(),  // the damaged list was told before
             R"({"bytes":3050,"containers":2,"content_bytes":1050,"contents":2,"directories":2,)"
             R"("files":5,"lists":1,"shared_contents":1,"unique_contents":1})");
 }
@@ -223,7 +225,9 @@ TEST_F(ListCommandsTest, TheContainersOfAContentArePrinted) {
     const Outcome outcome = run_command({"--json", "dcids", root_, c.content});
     EXPECT_EQ(outcome.status, c.status) << c.content;
     std::string containers;
-    for (const auto& line : outcome.json()) containers += line["dcid"].dump() + ' ';
+    for (const auto& line : outcome.json()) {
+      if (line.contains("dcid")) containers += line["dcid"].dump() + ' ';
+    }
     EXPECT_EQ(containers, c.containers);
   }
 }

@@ -2,6 +2,7 @@
 #include <set>
 
 #include "base/adler32.h"
+#include "cli/cause.h"
 #include "tests/cli/read_fixture.h"
 
 namespace {
@@ -17,11 +18,17 @@ TEST_F(ListTest, FilesAndDirectoriesAreListedInByteOrder) {
   fields.special_flags = SF_IMMUTABLE | SF_RETENTION_LOCK;
   fields.mtime = 300000000000;
   add_file("Z", fields);
+  fields = file_fields("", make_poid(1), 7);
+  fields.owner = "0:100";
+  fields.mtime = static_cast<std::uint64_t>(-1);
+  add_file("c", fields);
   add_directory(image_ + "/a");
   EXPECT_EQ(run_command({"ls", root_, image_}).out,
             "-rws--x--x       0:100         1234                    - ir Z\n"
             "drwxr-xr-x                        0 1970-01-01T00:00:00Z -- a\n"
-            "-rw-r--r--       0:100         1234 2023-11-14T22:13:20Z -- b\n");
+            "-rw-r--r--       0:100         1234 2023-11-14T22:13:20Z -- b\n"
+            "-rw-r--r--       0:100            7 1969-12-31T23:59:59Z -- c\n");
+  EXPECT_EQ(run_command({"--json", "ls", root_, image_ + "/c"}).json().at(0)["mtime"], -1);
 }
 
 // More rows and more damage than a page holds: nothing is left out, listed twice or looked at for
@@ -36,7 +43,9 @@ TEST_F(ListTest, DamagedRowsAreNamedAndDoNotStopThePages) {
   EXPECT_EQ(outcome.status, cli::kInconsistent);
   EXPECT_NE(outcome.err.find("without a usable name"), std::string::npos);
   std::set<std::string> names;
-  const auto lines = outcome.json();
+  auto lines = outcome.json();
+  EXPECT_EQ(lines.back()["problem"], "has rows without a usable name");
+  lines.pop_back();
   for (const auto& line : lines) {
     const std::string name = line.value("name", "");
     EXPECT_EQ(line.value("type", ""), name == "name" ? "file" : "damaged");
@@ -73,7 +82,7 @@ TEST_F(ListTest, WhatIsNotThereOrMakesNoSenseFailsWithALine) {
       {{"ls", root_, image_ + "/none"}, cli::kFailed, "no such entry"},
       {{"ls", root_, image_ + "/damaged"}, cli::kInconsistent, "damaged: see"},
       {{"ls", root_, "6/client"}, cli::kFailed, "no such"},
-      {{"verify", root_ + "/none"}, cli::kFailed, "no such catalog"},
+      {{"verify", root_ + "/none"}, cli::kFailed, "no such directory"},
       {{"show", root_, image_ + "/damaged"}, cli::kInconsistent, "damaged: see"},
       {{"show", root_, image_ + "/endless"}, cli::kInconsistent, "damaged: see"},
       {{"ls", root_, image_}, cli::kInconsistent, ""},
@@ -92,6 +101,20 @@ TEST_F(ListTest, WhatIsNotThereOrMakesNoSenseFailsWithALine) {
   }
 }
 
+// SQLite is told before its first use, which is that of the first fixture.
+const bool kWatched = (cli::watch_sqlite(), true);
+
+TEST_F(ListTest, AFailureIsToldWithItsCause) {
+  ASSERT_TRUE(kWatched);
+  std::filesystem::create_directory(full(image_) + "/po.db");
+  const Outcome outcome = run_command({"--json", "check", root_});
+  std::string causes;
+  for (const auto& line : outcome.json()) causes += line.value("cause", "");
+  for (const std::string& told : {causes, outcome.err}) {
+    EXPECT_NE(told.find("po.db): Is a directory"), std::string::npos) << outcome.err;
+  }
+}
+
 TEST_F(ListTest, OutputThatCannotBeWrittenIsAFailure) {
   std::ostringstream err;
   std::ostream closed(nullptr);
@@ -107,7 +130,8 @@ TEST(Printable, NoTwoNamesLookAlikeAndNoControlByteIsLeft) {
       {"\\x1b", "\\x5cx1b"},
       {"\xc2\x9b", "\\xc2\\x9b"},           // the control that starts a sequence, as UTF-8
       {"\xe2\x80\xae", "\\xe2\\x80\\xae"},  // turns what follows around
-      {"\xff\xc3", "\\xff\\xc3"},           // no UTF-8, and a character cut off
+      {"a\u00ad\U000e0041", "a\\xc2\\xad\\xf3\\xa0\\x81\\x81"},  // not to be seen
+      {"\xff\xc3", "\\xff\\xc3"},                             // no UTF-8, and a character cut off
       {"\xc0\xaf\xe0\x80\xaf", "\\xc0\\xaf\\xe0\\x80\\xaf"},  // longer than need be
   };
   for (const auto& [name, shown] : cases) EXPECT_EQ(cli::printable(name), shown);

@@ -84,6 +84,36 @@ TEST_F(RemoveTest, WhatMustStayIsRefusedWithAReasonAndNothingChanges) {
   EXPECT_NE(remove(image_).err.find("files in it"), std::string::npos);
 }
 
+// By the number that verify names: what has no name, and no file that could replace it.
+TEST_F(RemoveTest, DamagedRowsGoByTheirNumberAndNoOthers) {
+  const auto row = [&](const std::string& name, const std::string& changes) {
+    sql("INSERT INTO po SELECT " + name + ", poid, content, crc FROM po WHERE basename = 'kept'; " +
+        "UPDATE po SET " + changes + " WHERE rowid = last_insert_rowid()");
+    return sql("SELECT MAX(rowid) FROM po");
+  };
+  refhost::RecordFields immutable = file_fields("", make_poid(3), 5);
+  immutable.special_flags = SF_IMMUTABLE;
+  add_file("immutable", immutable);
+  sql("UPDATE po SET poid = CAST(poid AS BLOB) WHERE basename = 'immutable'");
+  const std::vector<std::pair<std::string, std::string>> refused = {
+      {sql("SELECT rowid FROM po WHERE basename = 'kept'"), "is sound"},
+      {sql("SELECT rowid FROM po WHERE basename = 'immutable'"), "protected"},
+      {"4711", "no row"}};
+  const auto remove_row = [&](const std::string& number) {
+    return run_command({"rm", root_, image_, "--damaged-row", number});
+  };
+  for (const auto& [number, reason] : refused) {
+    const Outcome outcome = remove_row(number);
+    EXPECT_EQ(outcome.status, cli::kFailed);
+    EXPECT_NE(outcome.err.find(reason), std::string::npos) << outcome.err;
+  }
+  for (const char* name : {"'vanished'", "'a/b'", "'nul' || char(0)", "x'61'", "NULL", "''"}) {
+    EXPECT_EQ(remove_row(row(name, "crc = 0")).status, cli::kDone) << name;
+  }
+  EXPECT_EQ(sql("SELECT group_concat(basename) FROM po"), "gone,immutable,kept");
+  EXPECT_EQ(counters(), (Counters{128, 1, 3, 0}));
+}
+
 // Every name that Linux allows, byte for byte.
 TEST_F(RemoveTest, HostileNamesAreListedShownAndRemovedLikeAnyOther) {
   std::vector<std::string> names = {"x' OR '1'='1", "a|b%7C", "--json",   "...",

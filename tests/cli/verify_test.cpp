@@ -137,6 +137,9 @@ TEST_F(VerifyTest, DamageToTheDatabaseIsOneFindingAndTheOtherDatabasesAreStillCh
       {changed("UPDATE registry SET value = x'31'"), "not a text"},
       {changed("DROP INDEX po_poid"), "index po_poid is missing"},
       {changed("DROP INDEX po_poid; CREATE INDEX po_poid ON po(crc)"), "defined differently"},
+      {changed("PRAGMA writable_schema = ON; "
+               "UPDATE sqlite_master SET tbl_name = 'REGISTRY' WHERE name = 'registry'"),
+       "table registry is defined differently"},
       {changed("CREATE TRIGGER t DELETE ON po BEGIN SELECT 1; END"), "trigger t does not belong"},
       {changed("DROP TABLE po"), "table po is missing"},
       {changed("DROP TABLE po; CREATE VIEW po AS SELECT 1 AS basename"), "view po"},
