@@ -1,5 +1,5 @@
-// SQLitePODB::double_check, and the same batches by bare statements: the floor finds their texts
-// made, but does with the rows what the library must do.
+// SQLitePODB::double_check, and the same batches by bare statements. The floor makes their texts of
+// the same sets, and does with the rows what the library must do.
 #include <set>
 
 #include "bench/cases.h"
@@ -60,18 +60,19 @@ int erase_poid(void* context, int, char** values, char**) {
   return 0;
 }
 
-void check_by_floor(Filled& filled, Sets& sets, const std::vector<std::string>& affected,
-                    const std::vector<std::string>& candidates) {
+void check_by_floor(Filled& filled, Sets& sets) {
   RowCheck check;
   check.keep = &sets.records;
   std::size_t erased = 0;
-  for (const std::string& sql : affected) {
+  for (const std::string& sql : batches(sets.affected, kSelect)) {
     filled.bare.exec(sql, RowCheck::take, &check);
     for (; erased < sets.records.size(); ++erased) {
       sets.affected.erase(POGetHashRef(sets.records[erased].get()));
     }
   }
-  for (const std::string& sql : candidates) filled.bare.exec(sql, erase_poid, &sets.candidates);
+  for (const std::string& sql : batches(sets.candidates, "SELECT poid FROM po")) {
+    filled.bare.exec(sql, erase_poid, &sets.candidates);
+  }
   CountCheck count;
   filled.bare.exec("SELECT COUNT(*) FROM po", CountCheck::take, &count);
   must(count.value != filled.rows.size(), "bare check");
@@ -93,9 +94,7 @@ Work library_work(const SharedRows& shared, std::size_t rows, bool hits) {
 Work floor_work(const SharedRows& shared, std::size_t rows, bool hits) {
   Filled& filled = filled_with(shared, rows);
   const auto sets = std::make_shared<Sets>(make_sets(rows, hits));
-  const auto affected = batches(sets->affected, kSelect);
-  const auto candidates = batches(sets->candidates, "SELECT poid FROM po");
-  return [=, &filled] { check_by_floor(filled, *sets, affected, candidates); };
+  return [=, &filled] { check_by_floor(filled, *sets); };
 }
 
 Case check_case(const std::string& name, std::size_t rows, const SharedRows& shared, bool hits) {

@@ -1,4 +1,5 @@
 // The server's consistency work: which POIDs do rows use, and which do they not?
+#include <iterator>
 #include <sstream>
 
 #include "host/host.h"
@@ -23,14 +24,14 @@ template <typename Run>
 cr_status_t in_batches(const std::set<std::string>& poids, const std::string& head, Run run) {
   auto next = poids.begin();
   while (next != poids.end()) {
-    std::ostringstream sql;
-    sql.exceptions(std::ios_base::badbit);  // a text cut short must not be run
-    sql << head;
-    std::string last;
+    std::string text = head;
     for (int n = 0; n < kBatch && next != poids.end(); ++n, ++next) {
-      last = *next;
-      sql << quoted(last) << ",";
+      base::append_sql_literal(text, *next);
+      text += ',';
     }
+    const std::string last = *std::prev(next);
+    std::ostringstream sql(text, std::ios_base::ate);
+    sql.exceptions(std::ios_base::badbit);  // a text cut short must not be run
     const cr_status_t status = run(&sql);
     if (status != CR_STATUS_OK) return status;
     next = poids.upper_bound(last);

@@ -52,7 +52,7 @@ std::set<std::uint64_t> distinct_dcids(const _cr_stat_t& stat) {
 
 // An empty list may have no buffer at all.
 std::uint64_t* allocated_udcid_list(const char* operation, std::uint32_t n) {
-  auto* list = static_cast<std::uint64_t*>(std::calloc(n, kUdcidEntrySize));
+  auto* list = static_cast<std::uint64_t*>(std::malloc(udcid_list_size(n)));
   if (list == nullptr && n > 0) {
     ErrorA(CR_STATUS_NO_MEMORY, "%s: malloc %u size memory for dcid buffer failed!", operation,
            printable_size(udcid_list_size(n)));
@@ -82,6 +82,7 @@ UDCIDRecord::UDCIDRecord(_cr_stat_t* stat) : UDCIDRecord() {
   if (tracing) __Trace("%s: UDCID number =%d", "UDCIDRecord", ndcid);
   dcids = list_or_throw(ndcid);
   std::copy(distinct.begin(), distinct.end(), dcids);
+  std::fill_n(dcids + ndcid, ndcid, 0);
   for (const std::uint64_t dcid : distinct) {
     if (tracing) __Trace("%s: UDCID list dcid=%lu.", "UDCIDRecord", dcid);
   }
