@@ -56,13 +56,25 @@ class Replay : public sqlitedb::SQLiteApplyJournal {
   std::string failure_;
 };
 
-cr_status_t read_journal(const std::string& file, std::string* content, std::string* why) {
+// A DELETE that lost its WHERE is still a statement to SQLite, and a batch would run it. The line
+// pass leaves out what has no end.
+bool cut_short(const std::string& content) {
+  const bool blank = content.find_first_not_of(" \t\r\n") == std::string::npos;
+  return !blank && sqlite3_complete(content.c_str()) == 0;
+}
+
+cr_status_t read_journal(const JournalApplyOptions& options, std::string* content,
+                         std::string* why) {
   *why = "the journal cannot be read";
-  const cr_status_t status = wa_readfile(file.c_str(), content);
+  const cr_status_t status = wa_readfile(options.file.c_str(), content);
   if (status != CR_STATUS_OK) return status;
   // SQLite would take a NUL for the end of the journal.
   *why = "the journal holds a NUL byte";
-  return content->find('\0') == std::string::npos ? CR_STATUS_OK : CR_STATUS_BAD_DATA;
+  if (content->find('\0') != std::string::npos) return CR_STATUS_BAD_DATA;
+  *why =
+      "nothing applied: the journal's last statement does not end with ';', so it may be cut "
+      "short; --line-by-line leaves it out";
+  return options.line_by_line || !cut_short(*content) ? CR_STATUS_OK : CR_STATUS_BAD_DATA;
 }
 
 Result result_of(cr_status_t status, const Replay& journal) {
@@ -165,7 +177,7 @@ void print_result(const Console& console, const JournalApplyOptions& options,
 int journal_apply(const Console& console, const JournalApplyOptions& options) {
   std::string content;
   std::string why;
-  const cr_status_t status = read_journal(options.file, &content, &why);
+  const cr_status_t status = read_journal(options, &content, &why);
   if (status != CR_STATUS_OK) {
     report(console, options.file, status, why);
     return kFailed;

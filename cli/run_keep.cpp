@@ -46,7 +46,8 @@ void declare_retention_set(CLI::App& group, Request& request) {
                     "The entry becomes immutable as well, which nothing takes back");
   command->add_flag("--cloud", options->cloud,
                     "The image lives on cloud storage: the period counts from its creation, "
-                    "the entry's change time");
+                    "the entry's change time. Nothing takes this back, and the server is told no "
+                    "remaining time of such an entry");
 }
 
 void declare_retention_show(CLI::App& group, Request& request) {
@@ -78,7 +79,8 @@ void declare_journal(CLI::App& app, Request& request) {
       journal_apply, options);
   command->add_option("DATABASE", options->database, "An existing database file")->required();
   command->add_option("FILE", options->file, "The journal")->required();
-  command->add_flag("--line-by-line", options->line_by_line, "Do not try it as one batch first");
+  command->add_flag("--line-by-line", options->line_by_line,
+                    "Do not try it as one batch first; what follows the last ';' is left out");
   command->add_flag("--dry-run", options->dry_run,
                     "Apply it to a temporary copy and tell what came of it; TMPDIR says where");
   command->add_flag("--force-locked", options->force_locked,

@@ -76,6 +76,8 @@ TEST_F(KeepTest, AJournalIsAppliedAndWhatWentWrongIsTold) {
       {a + "INSERT INTO none VALUES (1);\n" + b, "", 1, "applied: no such table: none", "a"},
       {"SELECT * FROM none;\n", "--line-by-line", 1, "SELECT * FROM none;: no such table", ""},
       {std::string("SELECT 1;\0DROP TABLE po;", 24), "", 1, "NUL", ""},
+      {a + "DELETE FROM registry", "", 1, "may be cut short", ""},
+      {a + "DELETE FROM registry", "--line-by-line", 0, "took 1", "a"},
       {a + "NO SQL;\n", "--dry-run", 3, "in part", ""},
   };
   for (const auto& c : cases) {
