@@ -2,6 +2,8 @@
 #include <sqlite3.h>
 #include <sys/stat.h>
 
+#include <new>
+
 #include "host/files.h"
 #include "host/log.h"
 #include "sqlitedb/failure_internal.h"
@@ -95,16 +97,22 @@ cr_status_t sqlite3_wrapper::init_db() {
 
   const int rc = connect(dbfile, &db);
   status = rc == SQLITE_OK ? use_extended_codes(dbfile, db) : on_db_error(rc);
-  if (status == CR_STATUS_OK) status = on_db_createtable();
-  if (status == CR_STATUS_OK) {
-    opened = true;
-    return CR_STATUS_OK;
+  // The file goes, and the first failure is reported, however the closing ends: an empty one would
+  // be refused for ever after.
+  const auto discard = [this](cr_status_t failure) {
+    close_db(kCloseRetries);
+    if (wa_deletefile(dbfile.c_str()) != CR_STATUS_OK) {
+      WarningA(failure, "Could not delete bad db file %s", dbfile.c_str());
+    }
+  };
+  try {
+    if (status == CR_STATUS_OK) status = on_db_createtable();
+  } catch (const std::bad_alloc&) {
+    discard(CR_STATUS_NO_MEMORY);
+    throw;
   }
-  // The file goes, and the first failure is reported, however the closing ends.
-  close_db(kCloseRetries);
-  if (wa_deletefile(dbfile.c_str()) != CR_STATUS_OK) {
-    WarningA(status, "Could not delete bad db file %s", dbfile.c_str());
-  }
+  opened = status == CR_STATUS_OK;
+  if (!opened) discard(status);
   return status;
 }
 
