@@ -81,8 +81,12 @@ TEST(FaultsThatAreNotSurvived, AreSeen) {
     const cr_status_t status = operation_named("delete").run(w, rows);
     return status == CR_STATUS_OK ? operation_named("replace").run(w, rows) : status;
   };
+  static std::vector<void*> kept;
   Operation leaky = operation_named("get");
-  leaky.run = [](World&, int) { return sqlite3_malloc(1) == nullptr ? CR_STATUS_FAILED : 0; };
+  leaky.run = [](World&, int) {
+    kept.push_back(sqlite3_malloc(1));
+    return kept.back() == nullptr ? CR_STATUS_FAILED : CR_STATUS_OK;
+  };
   const struct {
     Operation operation;
     Fault fault;
@@ -96,6 +100,7 @@ TEST(FaultsThatAreNotSurvived, AreSeen) {
     matrix.run(c.fault);
     EXPECT_THAT(matrix.violations(), Contains(HasSubstr(c.seen))) << c.operation.name;
   }
+  for (void* memory : kept) sqlite3_free(memory);
 }
 
 }  // namespace

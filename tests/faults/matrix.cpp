@@ -105,11 +105,11 @@ bool Matrix::is_specified(Fault fault, cr_status_t status) const {
   return fault >= Fault::SqliteMemory && status == operation_.also_without_memory;
 }
 
-// A creation that failed and whose file cannot be deleted leaves one without content. It is not
-// taken for a database, and says so.
+// A creation that failed may leave a file without content behind. It is not taken for a database:
+// po.db says that it is unusable, ul.db that the table is missing.
 bool Matrix::is_empty_leftover(cr_status_t status) const {
-  return status == CR_STATUS_BAD_DATA && before_.empty() &&
-         fs::file_size(catalog_ + "/5/c/p/po.db") == 0;
+  const std::string file = status == CR_STATUS_BAD_DATA ? "/5/c/p/po.db" : "/5/c/p/ul.db";
+  return before_.empty() && fs::exists(catalog_ + file) && fs::is_empty(catalog_ + file);
 }
 
 // All or nothing; of a journal that is replayed by lines, a first part.
@@ -152,7 +152,7 @@ Matrix::Rows Matrix::rows_now(const std::string& when) {
   };
   const auto table = [&](const std::string& file, const std::string& name) {
     intact::check_database(dir + file, "SELECT * FROM " + name, faults, take);
-    if (intact::has_content(dir + file)) rows.push_back(file);
+    if (intact::has_content(dir + file)) rows.push_back(" " + file);  // before its rows
   };
   table(SQLitePODB::dbfilename(), "po");
   table(SQLiteULDB::dbfilename(), "utable");

@@ -79,7 +79,14 @@ cr_status_t get(World& w, int rows) {
 // Adds, replaces and deletes in turn; the statistics agree with what was done.
 cr_status_t update_files(World& w, int rows) {
   std::vector<std::unique_ptr<PO>> incoming;
-  std::vector<PO*> removed, udcid;
+  incoming.reserve(static_cast<std::size_t>(rows));
+  struct Removed {
+    std::vector<PO*> entries;
+    ~Removed() {
+      for (const PO* old : entries) delete old;
+    }
+  } removed;
+  std::vector<PO*> udcid;
   ds_info_t info{};
   std::int64_t size = 0, count = 0;
   std::string action;
@@ -90,9 +97,9 @@ cr_status_t update_files(World& w, int rows) {
     count += i % 3 == 0 ? 0 : i % 3 == 1 ? 1 : -1;
     incoming.emplace_back(PO::getObject(text_of(made), PO_STYPE_NONE));
     if (incoming.back() == nullptr) return *__cr_errno_location();
-    return static_cast<cr_status_t>(incoming.back()->update(&w.po, info, removed, udcid, action));
+    return static_cast<cr_status_t>(
+        incoming.back()->update(&w.po, info, removed.entries, udcid, action));
   });
-  for (const PO* old : removed) delete old;
   if (status != CR_STATUS_OK) return status;
   const bool counted = info.total_size == static_cast<std::uint64_t>(size) &&
                        info.file_count == static_cast<std::uint64_t>(count);
@@ -291,6 +298,7 @@ std::vector<Operation> operations() {
       {"put lists", many, put_lists, fill_lists},
       {"get lists", many, get_lists, fill_lists},
       {"get all lists", many, get_all_lists, fill_lists, false, 0, kUntrue},
+      {"create lists", 1, put_lists, nothing, true, CR_STATUS_FAILED},
       {"drop lists", 1, drop_lists, fill_lists},
   };
 }

@@ -39,7 +39,8 @@ struct Operation {
   int rows;  // of a transaction; 1: none, a statement for itself
   cr_status_t (*run)(World& world, int rows);
   void (*prepare)(World& world, int rows);
-  bool by_lines = false;  // what it has done by the time of a failure stays: whole rows, in order
+  bool by_lines =
+      false;  // what it has done by the time of a failure stays: the table, whole rows, in order
   // What it answers besides: anywhere, and where memory ran out.
   cr_status_t also = CR_STATUS_OK;
   cr_status_t also_without_memory = CR_STATUS_OK;
