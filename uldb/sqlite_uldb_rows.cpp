@@ -17,6 +17,7 @@ constexpr StatementTexts kWrite = {"put_imp", "INSERT OR REPLACE INTO utable VAL
                                    "prepare ", "step SQL ", true};
 constexpr StatementTexts kDelete = {"del_imp", "DELETE FROM utable WHERE poid = ?", "prepare ",
                                     "step SQL ", true};
+constexpr StatementTexts kOwner = owner_texts("get_imp");
 using RecordPtr = std::unique_ptr<UDCIDRecord>;
 
 // Runs `work` on a prepared statement. The error policy may drop the database, so the statement is
@@ -82,11 +83,16 @@ cr_status_t SQLiteULDB::get_imp(const char* poid, RecordPtr& found, bool& retry)
   const cr_status_t opened = check_db_existence(true);
   if (opened != CR_STATUS_OK) return opened;
   if (poid == nullptr) return CR_STATUS_BAD_ARG;
-  const cr_status_t status = run(*this, Statement(db, dbfile_path, kRead), retry,
-                                 [&](Statement& row) { return read_record(row, poid, found); });
+  cr_status_t status = run(*this, Statement(db, dbfile_path, kRead), retry,
+                           [&](Statement& row) { return read_record(row, poid, found); });
   if (status == CR_STATUS_NOT_FOUND) log_absent(poid);
   if (status == CR_STATUS_BAD_DATA) remove_corrupt(poid);
-  return status;
+  if (status != CR_STATUS_OK) return status;
+  status = run(*this, Statement(db, dbfile_path, kOwner), retry,
+               [&](Statement& owner) { return check_owner(owner, poid); });
+  if (status != CR_STATUS_OK) found.reset();
+  // Nothing is removed: by that index it would be another's row.
+  return status == CR_STATUS_BAD_DATA ? CR_STATUS_CORRUPT : status;
 }
 
 void SQLiteULDB::log_absent(const char* poid) {

@@ -13,6 +13,8 @@ namespace {
 constexpr StatementTexts kReadAll = {"get_all_imp", "SELECT * FROM utable ORDER BY poid ASC ",
                                      "prepare SQL", "step ", false};
 
+constexpr StatementTexts kOwner = owner_texts("get_all_imp");
+
 // One row of the walk. What is not the text that a POID is, whole, cannot be asked for by it.
 cr_status_t read_row(const Statement& row, std::unique_ptr<UDCIDRecord>& record) {
   const char* poid = row.text(0);
@@ -29,6 +31,15 @@ cr_status_t read_row(const Statement& row, std::unique_ptr<UDCIDRecord>& record)
     ErrorA(status, "%s: UDCID list data of POID %s is corrupt.", kReadAll.operation, poid);
   }
   return status;
+}
+
+// 0 and the row's status, or why that cannot be told. A name that the index does not know, though
+// the walk follows it, is not the one under which the list was stored.
+cr_status_t check_walked(Statement& owner, const char* poid, cr_status_t& status) {
+  const cr_status_t owned = check_owner(owner, poid);
+  const bool contradicts = owned == CR_STATUS_BAD_DATA || owned == CR_STATUS_NOT_FOUND;
+  status = contradicts ? CR_STATUS_BAD_DATA : CR_STATUS_OK;
+  return contradicts ? CR_STATUS_OK : owned;
 }
 
 // Of the exception that is being handled.
@@ -67,13 +78,17 @@ cr_status_t SQLiteULDB::get_all(Callback cb) {
   const cr_status_t opened = check_db_existence(true);
   if (opened != CR_STATUS_OK) return opened;
   Statement rows(db, dbfile_path, kReadAll);
+  Statement owner(db, dbfile_path, kOwner);
   cr_status_t next = rows.prepare();
+  if (next == CR_STATUS_OK) next = owner.prepare();
   if (next != CR_STATUS_OK) return next;
   // A good row after a damaged one clears the status, intended.
   cr_status_t status = CR_STATUS_OK;
   while ((next = rows.next_row()) == CR_STATUS_OK) {
     std::unique_ptr<UDCIDRecord> record;
     status = read_row(rows, record);
+    if (status == CR_STATUS_OK) next = check_walked(owner, rows.text(0), status);
+    if (next != CR_STATUS_OK) return next;
     if (status != CR_STATUS_OK) continue;
     status = call(cb, rows.text(0), record.get());
     if (status != CR_STATUS_OK) return status;

@@ -1,11 +1,32 @@
 #include "uldb/statement_internal.h"
 
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstdint>
 #include <cstring>
+#include <limits>
 #include <new>
 
+#include "host/files.h"
 #include "host/log.h"
 #include "sqlitedb/durable_internal.h"
 #include "uldb/sqlite_uldb_internal.h"
+
+namespace {
+
+constexpr int kUnlimited = std::numeric_limits<int>::max();
+
+// What is stored is no longer than its file, but for what SQLite holds back in a transaction; a
+// definition in a hostile file can make it compute more.
+int longest_in(const std::string& file) {
+  constexpr std::int64_t kHeldBack = 8 << 20;
+  struct stat info {};
+  if (wa_stat(file.c_str(), &info) != CR_STATUS_OK) return kUnlimited;
+  return static_cast<int>(std::min<std::int64_t>(info.st_size + kHeldBack, kUnlimited));
+}
+
+}  // namespace
 
 cr_status_t decode(const Blob& blob, std::unique_ptr<UDCIDRecord>& record) {
   record.reset(new (std::nothrow) UDCIDRecord);
@@ -22,6 +43,7 @@ Statement::Statement(sqlite3* connection, const std::string& path, const Stateme
 
 cr_status_t Statement::prepare() {
   sqlite3_stmt* made = nullptr;
+  sqlite3_limit(db_, SQLITE_LIMIT_LENGTH, texts_.writes ? kUnlimited : longest_in(path_));
   if (texts_.writes) judged_ = sqlitedb::make_commits_durable(db_, nullptr);
   if (judged_ == SQLITE_OK) judged_ = sqlite3_prepare_v2(db_, texts_.sql, -1, &made, nullptr);
   statement_.reset(made);
@@ -81,4 +103,18 @@ Blob Statement::blob(int column) const {
 int Statement::finalize() {
   statement_.reset();
   return judged_;
+}
+
+cr_status_t check_owner(Statement& owner, const char* poid) {
+  owner.rewind();
+  cr_status_t status = owner.bind_poid(poid);
+  if (status == CR_STATUS_OK) status = owner.next_row();
+  if (status != CR_STATUS_OK) return status;
+  const char* name = owner.text(0);
+  if (name == nullptr || std::strcmp(name, poid) != 0) {
+    status = CR_STATUS_BAD_DATA;
+    ErrorA(status, "The index of UDCID lists leads POID %s to the row of %s", poid,
+           name != nullptr ? name : "(null)");
+  }
+  return status;
 }

@@ -41,6 +41,8 @@ class Statement {
   cr_status_t next_row();
   // Runs a statement that has no rows.
   cr_status_t finish();
+  // Back to before the first row; lets go of its texts.
+  void rewind() { sqlite3_reset(statement_.get()); }
 
   // Null unless the column holds a text without NUL bytes in it.
   const char* text(int column) const;
@@ -64,3 +66,16 @@ class Statement {
   std::unique_ptr<sqlite3_stmt, Finalize> statement_;
   int judged_ = SQLITE_OK;
 };
+
+// A list's checksum does not cover whose list it is: a damaged index leads to a sound list of
+// another content. So a row that the index found is asked for its own POID, by this statement.
+constexpr StatementTexts owner_texts(const char* operation) {
+  return {operation,
+          "SELECT own.poid FROM utable AS led CROSS JOIN utable AS own ON own.rowid = led.rowid "
+          "WHERE led.poid = ?",
+          "prepare SQL", "step ", false};
+}
+
+// Runs it. CR_STATUS_BAD_DATA, after a log line, when index and row contradict each other,
+// CR_STATUS_NOT_FOUND when the index does not know the POID.
+cr_status_t check_owner(Statement& owner, const char* poid);
