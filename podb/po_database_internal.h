@@ -34,7 +34,7 @@ class SQLitePODB::po_database : public sqlitedb::sqlite3_wrapper {
  public:
   // `catalog_root` is where the paths of entries start.
   po_database(const std::string& file, const std::string& catalog_root)
-      : sqlite3_wrapper(file), root(catalog_root) {}
+      : sqlite3_wrapper(file, kLongestValue), root(catalog_root) {}
 
   cr_status_t on_db_createtable() override;
   int on_db_callback(void* ctx, int ncols, char** values, char** names) override;
@@ -50,6 +50,9 @@ class SQLitePODB::po_database : public sqlitedb::sqlite3_wrapper {
                              int expected);
 
  private:
+  // Far above what a row's statement can hold.
+  static constexpr int kLongestValue = 1 << 20;
+
   cr_status_t take_row(const QueryContext& context, int ncols, char** values, char** names) const;
   cr_status_t take_po(const QueryContext& context, char** values) const;
   cr_status_t fill(const QueryContext& context, char** values, PO& po) const;

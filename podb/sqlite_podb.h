@@ -87,7 +87,8 @@ class POCATALOG_API SQLitePODB : public PODB {
                              unsigned long limit) override;
 
   // CR_STATUS_NOT_FOUND when the database could not be opened, CR_STATUS_NOT_EMPTY when it was
-  // kept. Deletions of an open transaction count, and cannot be rolled back once the file is gone.
+  // kept: also when SQLite's integrity check fails. Deletions of an open transaction count, and
+  // cannot be rolled back once the file is gone.
   cr_status_t drop_db_if_empty() override;
 
   // The argument is ignored. An open transaction is lost.

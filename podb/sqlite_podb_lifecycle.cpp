@@ -164,7 +164,8 @@ cr_status_t SQLitePODB::drop_db_if_empty() {
   QueryContext context(this, QUERY_COUNT, &has_rows);
   const cr_status_t status = exec_sql("SELECT EXISTS (SELECT * FROM po)", &context);
   if (status != CR_STATUS_OK || context.rows != 1 || has_rows != 0) return CR_STATUS_NOT_EMPTY;
-  return db->drop_db();
+  // Rows that only seem to be gone would be lost for good.
+  return db_integrity_OK() ? db->drop_db() : CR_STATUS_NOT_EMPTY;
 }
 
 cr_status_t SQLitePODB::close_db(unsigned int) { return db->close_db(sqlitedb::kCloseRetries); }

@@ -46,10 +46,12 @@ cr_status_t create_directory_of(const std::string& file) {
 }
 
 // SQLite may make a handle even when it fails; the caller closes it.
-int connect(const std::string& file, sqlite3** db) {
+int connect(const std::string& file, int longest_value, sqlite3** db) {
   InfoA(CR_STATUS_OK, "Open SQLite database %s", file.c_str());
   const int rc = open_hardened(file, db);
-  if (rc == SQLITE_OK) sqlite3_busy_timeout(*db, kBusyTimeoutMs);
+  if (rc != SQLITE_OK) return rc;
+  sqlite3_busy_timeout(*db, kBusyTimeoutMs);
+  sqlite3_limit(*db, SQLITE_LIMIT_LENGTH, longest_value);
   return rc;
 }
 
@@ -78,6 +80,9 @@ cr_status_t close_handle(const std::string& file, sqlite3* db, unsigned long ret
 
 sqlite3_wrapper::sqlite3_wrapper(const std::string& file) : dbfile(file) {}
 
+sqlite3_wrapper::sqlite3_wrapper(const std::string& file, int longest)
+    : dbfile(file), longest_value(longest) {}
+
 // Nobody is left to take a status; close_db has logged what there was to say.
 sqlite3_wrapper::~sqlite3_wrapper() {
   try {
@@ -95,7 +100,7 @@ cr_status_t sqlite3_wrapper::init_db() {
   if (status == CR_STATUS_OK) status = check_examinable(dbfile);
   if (status != CR_STATUS_OK) return status;
 
-  const int rc = connect(dbfile, &db);
+  const int rc = connect(dbfile, longest_value, &db);
   status = rc == SQLITE_OK ? use_extended_codes(dbfile, db) : on_db_error(rc);
   // The file goes, and the first failure is reported, however the closing ends: an empty one would
   // be refused for ever after.
@@ -124,7 +129,7 @@ cr_status_t sqlite3_wrapper::open_db() {
   }
 
   cr_status_t status = CR_STATUS_OK;
-  const int rc = connect(dbfile, &db);
+  const int rc = connect(dbfile, longest_value, &db);
   if (rc == SQLITE_OK) {
     status = use_extended_codes(dbfile, db);
   } else {

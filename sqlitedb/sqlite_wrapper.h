@@ -136,6 +136,10 @@ class POCATALOG_API sqlite3_wrapper {
   int get_changes() const;
 
  protected:
+  // For a database that knows how long its values can be: longer ones, which a damaged or hostile
+  // file may claim to hold or make SQLite compute, are refused (CR_STATUS_FAILED).
+  sqlite3_wrapper(const std::string& file, int longest);
+
   // Logs an SQLite failure and returns its mapped status; throws db_exception on corruption.
   cr_status_t on_db_error(int code);
 
@@ -151,6 +155,8 @@ class POCATALOG_API sqlite3_wrapper {
   bool opened = false;    // set only when opening has fully succeeded
 
  private:
+  const int longest_value = -1;  // bytes; -1 for SQLite's own limit
+
   // What exec hands through SQLite to exec_callback: an exception of a row hook travels in it.
   struct exec_context;
 
