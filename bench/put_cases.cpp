@@ -2,6 +2,7 @@
 // floor asks the host what the library must ask it, and finds the text of the statement made.
 #include "bench/cases.h"
 #include "bench/databases.h"
+#include "bench/lmdb.h"
 
 namespace bench {
 
@@ -64,6 +65,12 @@ Work put_by_limit(std::size_t count) {
   };
 }
 
+Work put_by_lmdb(std::size_t count) {
+  const auto store = std::make_shared<Lmdb>();
+  const auto rows = std::make_shared<const std::vector<Row>>(make_rows(count));
+  return [=] { store->put(*rows); };
+}
+
 Case put_case(const std::string& name, std::size_t count, std::size_t rows_each) {
   return {"put/" + name,
           count,
@@ -79,6 +86,7 @@ void add_put_cases(Cases& cases, std::size_t scale) {
     const std::size_t n = count / scale;
     cases.push_back(put_case(grouped(n) + " rows in one transaction", n, n));
     cases.back().sides.push_back({"prepared", [=] { return put_by_limit(n); }});
+    cases.back().sides.push_back({"LMDB", [=] { return put_by_lmdb(n); }});
   }
   cases.push_back(put_case("one row per transaction", 1000 / scale, 1));
 }

@@ -4,6 +4,7 @@
 
 #include "bench/cases.h"
 #include "bench/databases.h"
+#include "bench/lmdb.h"
 
 namespace bench {
 
@@ -51,6 +52,13 @@ void get_prepared(Filled& filled) {
     must(RowCheck::take(&check, 4, values, nullptr) != 0, "prepared get");
     selection.reset();
   }
+}
+
+void get_by_lmdb(Filled& filled, Lmdb& store) {
+  FilePO entry(1);
+  RowCheck check;
+  check.into = entry.record();
+  for (std::size_t i = 0; i < lookups(filled); ++i) store.get(row_at(filled, i).basename, check);
 }
 
 void exists_by_library(Filled& filled) {
@@ -151,6 +159,15 @@ Side side(const char* name, const std::shared_ptr<Shared>& shared, Run run) {
           }};
 }
 
+Side lmdb_side(const std::shared_ptr<Shared>& shared) {
+  return {"LMDB", [=] {
+            Filled& filled = shared->filled();
+            const auto store = std::make_shared<Lmdb>();
+            store->put(filled.rows);
+            return [store, &filled] { get_by_lmdb(filled, *store); };
+          }};
+}
+
 Case read_case(const std::string& name, std::size_t operations, double target,
                const std::shared_ptr<Shared>& shared, Run library, Run floor) {
   return {
@@ -167,6 +184,7 @@ void add_read_cases(Cases& cases, std::size_t scale) {
   };
   add("get by name", 0.95, get_by_library, get_by_floor);
   cases.back().sides.push_back(side("prepared", shared, get_prepared));
+  cases.back().sides.push_back(lmdb_side(shared));
   add("exists by name", 0.95, exists_by_library, exists_by_floor);
   add("del by name", 0.95, del_by_library, del_by_floor);
   add("find_by_pattern/all", 0.90, find_by_library<kAll>, find_by_floor<kAll>);

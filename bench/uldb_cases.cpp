@@ -1,4 +1,5 @@
-// DCID records in ul.db, through SQLiteULDB and by bare statements that are prepared once.
+// DCID records in ul.db, through SQLiteULDB and by bare statements that are prepared once. The
+// store prepares its statements for each call: a third side does so with the bare ones.
 #include <cstring>
 
 #include "base/adler32.h"
@@ -82,32 +83,46 @@ struct BareStore {
   }
 };
 
-void put_by_floor(BareStore& bare) {
-  BareStatement insertion(bare.db, "INSERT OR REPLACE INTO utable VALUES( ?, ? )");
+// Calls `work` with a statement for every POID: the same one, or one that is prepared for it.
+template <typename Work>
+void for_each_poid(BareStore& bare, const char* sql, bool prepare_each, Work work) {
+  auto statement = std::make_unique<BareStatement>(bare.db, sql);
+  for (const std::string& poid : bare.store.poids) {
+    if (prepare_each) statement = std::make_unique<BareStatement>(bare.db, sql);
+    statement->bind(1, poid);
+    work(*statement);
+    statement->reset();
+  }
+}
+
+void put_bare(BareStore& bare, bool prepare_each) {
   std::vector<unsigned char> bytes = bare.serialized();
   const std::vector<std::uint64_t>& list = bare.store.list;
   bare.db.exec("BEGIN IMMEDIATE TRANSACTION");
-  for (const std::string& poid : bare.store.poids) {
-    std::memcpy(bytes.data() + 8, list.data(), list.size() * sizeof list[0]);
-    const std::uint32_t sum = base::adler32(base::kAdler32Start, bytes.data(), bytes.size() - 4);
-    std::memcpy(bytes.data() + bytes.size() - 4, &sum, sizeof sum);
-    insertion.bind(1, poid);
-    insertion.bind(2, bytes.data(), bytes.size());
-    insertion.step();
-    insertion.reset();
-  }
+  for_each_poid(bare, "INSERT OR REPLACE INTO utable VALUES( ?, ? )", prepare_each,
+                [&](BareStatement& insertion) {
+                  std::memcpy(bytes.data() + 8, list.data(), list.size() * sizeof list[0]);
+                  const std::uint32_t sum =
+                      base::adler32(base::kAdler32Start, bytes.data(), bytes.size() - 4);
+                  std::memcpy(bytes.data() + bytes.size() - 4, &sum, sizeof sum);
+                  insertion.bind(2, bytes.data(), bytes.size());
+                  insertion.step();
+                });
   bare.db.exec("COMMIT TRANSACTION");
 }
 
-void get_by_floor(BareStore& bare) {
-  BareStatement selection(bare.db, "SELECT udcids FROM utable WHERE poid = ?");
-  for (const std::string& poid : bare.store.poids) {
-    selection.bind(1, poid);
-    must(!selection.step(), "bare get");
-    BareStore::take(selection, 0);
-    selection.reset();
-  }
+void get_bare(BareStore& bare, bool prepare_each) {
+  for_each_poid(bare, "SELECT udcids FROM utable WHERE poid = ?", prepare_each,
+                [](BareStatement& selection) {
+                  must(!selection.step(), "bare get");
+                  BareStore::take(selection, 0);
+                });
 }
+
+void put_by_floor(BareStore& bare) { put_bare(bare, false); }
+void put_prepared_each(BareStore& bare) { put_bare(bare, true); }
+void get_by_floor(BareStore& bare) { get_bare(bare, false); }
+void get_prepared_each(BareStore& bare) { get_bare(bare, true); }
 
 void get_all_by_floor(BareStore& bare) {
   BareStatement selection(bare.db, "SELECT * FROM utable ORDER BY poid ASC ");
@@ -124,29 +139,32 @@ struct Size {
   std::uint32_t entries;
 };
 
-Case uldb_case(const std::string& name, Size size, bool filled, void (*library)(Store&),
+using Made = std::function<std::shared_ptr<Store>()>;
+
+Side library_side(const Made& made, void (*run)(Store&)) {
+  return {"library", [=] {
+            const auto store = made();
+            return [=] { run(*store); };
+          }};
+}
+
+Side bare_side(const char* name, const Made& made, void (*run)(BareStore&)) {
+  return {name, [=] {
+            const auto store = made();
+            const auto bare = std::make_shared<BareStore>(*store);
+            return [=] {
+              run(*bare);
+              keep(store->poids.size());
+            };
+          }};
+}
+
+Case uldb_case(const char* name, Size size, const Made& made, void (*library)(Store&),
                void (*floor)(BareStore&)) {
-  const auto made = [=] {
-    auto store = std::make_shared<Store>(size.records, size.entries);
-    if (filled) put_by_library(*store);
-    return store;
-  };
-  return {"SQLiteULDB::" + name + "/" + grouped(size.entries) + " entries",
+  return {std::string("SQLiteULDB::") + name + "/" + grouped(size.entries) + " entries",
           size.records,
           0.90,
-          {{"library",
-            [=] {
-              const auto store = made();
-              return [=] { library(*store); };
-            }},
-           {"floor", [=] {
-              const auto store = made();
-              const auto bare = std::make_shared<BareStore>(*store);
-              return [=] {
-                floor(*bare);
-                keep(store->poids.size());
-              };
-            }}}};
+          {library_side(made, library), bare_side("floor", made, floor)}};
 }
 
 }  // namespace
@@ -154,9 +172,17 @@ Case uldb_case(const std::string& name, Size size, bool filled, void (*library)(
 void add_uldb_cases(Cases& cases, std::size_t scale) {
   for (const Size& full : {Size{10000, 4}, Size{1000, 1000}}) {
     const Size size{full.records / scale, full.entries};
-    cases.push_back(uldb_case("put", size, false, put_by_library, put_by_floor));
-    cases.push_back(uldb_case("get", size, true, get_by_library, get_by_floor));
-    cases.push_back(uldb_case("get_all", size, true, get_all_by_library, get_all_by_floor));
+    const Made empty = [=] { return std::make_shared<Store>(size.records, size.entries); };
+    const Made filled = [=] {
+      auto store = empty();
+      put_by_library(*store);
+      return store;
+    };
+    cases.push_back(uldb_case("put", size, empty, put_by_library, put_by_floor));
+    cases.back().sides.push_back(bare_side("prepared each time", empty, put_prepared_each));
+    cases.push_back(uldb_case("get", size, filled, get_by_library, get_by_floor));
+    cases.back().sides.push_back(bare_side("prepared each time", filled, get_prepared_each));
+    cases.push_back(uldb_case("get_all", size, filled, get_all_by_library, get_all_by_floor));
   }
 }
 
