@@ -66,7 +66,8 @@ Case pool_case(const std::shared_ptr<std::unique_ptr<Keys>>& shared, std::size_t
     if (!*shared) *shared = std::make_unique<Keys>(count);
     return **shared;
   };
-  return {"get_podb/" + grouped(count) + " keys, " + std::to_string(threads) + " threads",
+  return {"get_podb/" + grouped(count) + " keys, " + std::to_string(threads) +
+              (threads == 1 ? " thread" : " threads"),
           lookups,
           0.90,
           {{"library",
