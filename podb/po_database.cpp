@@ -20,6 +20,11 @@ bool is_po_query(std::uint32_t type) {
   return type == QUERY_PO || type == QUERY_PO_LIST || type == QUERY_PROCESS;
 }
 
+// SQLite answers a list of POIDs in ascending order, so the place is nearly always the last.
+void add_ascending(std::set<std::string>& names, const char* value) {
+  names.emplace_hint(names.end(), value);
+}
+
 // Takes the one column of a query that is not about whole rows.
 void take_value(std::uint32_t type, void* output, const char* value) {
   switch (type) {
@@ -27,7 +32,7 @@ void take_value(std::uint32_t type, void* output, const char* value) {
       static_cast<std::vector<std::string>*>(output)->emplace_back(value);
       break;
     case QUERY_NAME_SET:
-      static_cast<std::set<std::string>*>(output)->emplace(value);
+      add_ascending(*static_cast<std::set<std::string>*>(output), value);
       break;
     case QUERY_COUNT:
       *static_cast<unsigned long*>(output) = std::strtoull(value, nullptr, 10);
