@@ -60,7 +60,8 @@ class POCATALOG_API SQLiteULDB {
   // The record of a POID, from `new` and the caller's to delete. Null when there is none and when
   // it could not be read: the host's status cell then holds CR_STATUS_NOT_FOUND in the first case,
   // the failure in the second, and 0 for a record that was found. A record whose checksum is wrong
-  // is deleted for good (CR_STATUS_BAD_DATA).
+  // is deleted for good (CR_STATUS_BAD_DATA). Where the index leads to the row of another POID, the
+  // failure is CR_STATUS_CORRUPT and nothing is deleted.
   virtual UDCIDRecord* get(const char* poid);
 
   // Inserts or replaces; `extra` is not used. CR_STATUS_BAD_ARG for a null POID or record,
@@ -77,9 +78,9 @@ class POCATALOG_API SQLiteULDB {
   virtual std::string get_db_dir();
 
   // Calls `cb` for every row, by ascending POID. A callback's status other than 0 ends the walk and
-  // is returned. Damaged rows are logged and left out; the status is that of the last row, so
-  // CR_STATUS_BAD_DATA tells of a damaged last one only. CR_STATUS_BAD_ARG for a null callback,
-  // before any file is made.
+  // is returned. Damaged rows, and those that the index has under another POID than their own, are
+  // logged and left out; the status is that of the last row, so CR_STATUS_BAD_DATA tells of a
+  // damaged last one only. CR_STATUS_BAD_ARG for a null callback, before any file is made.
   virtual cr_status_t get_all(Callback cb);
 
   // Calls `cb` with the record of a POID and returns its status; CR_STATUS_NOT_FOUND when get finds

@@ -89,7 +89,7 @@ cr_status_t SQLiteULDB::get_imp(const char* poid, RecordPtr& found, bool& retry)
   if (status == CR_STATUS_BAD_DATA) remove_corrupt(poid);
   if (status != CR_STATUS_OK) return status;
   status = run(*this, Statement(db, dbfile_path, kOwner), retry,
-               [&](Statement& owner) { return check_owner(owner, poid); });
+               [&](Statement& owner) { return check_owner(owner, poid, nullptr); });
   if (status != CR_STATUS_OK) found.reset();
   // Nothing is removed: by that index it would be another's row.
   return status == CR_STATUS_BAD_DATA ? CR_STATUS_CORRUPT : status;

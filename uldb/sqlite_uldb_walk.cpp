@@ -35,8 +35,9 @@ cr_status_t read_row(const Statement& row, std::unique_ptr<UDCIDRecord>& record)
 
 // 0 and the row's status, or why that cannot be told. A name that the index does not know, though
 // the walk follows it, is not the one under which the list was stored.
-cr_status_t check_walked(Statement& owner, const char* poid, cr_status_t& status) {
-  const cr_status_t owned = check_owner(owner, poid);
+cr_status_t check_walked(Statement& owner, const Statement& row, cr_status_t& status) {
+  const Blob list = row.blob(1);
+  const cr_status_t owned = check_owner(owner, row.text(0), &list);
   const bool contradicts = owned == CR_STATUS_BAD_DATA || owned == CR_STATUS_NOT_FOUND;
   status = contradicts ? CR_STATUS_BAD_DATA : CR_STATUS_OK;
   return contradicts ? CR_STATUS_OK : owned;
@@ -87,7 +88,7 @@ cr_status_t SQLiteULDB::get_all(Callback cb) {
   while ((next = rows.next_row()) == CR_STATUS_OK) {
     std::unique_ptr<UDCIDRecord> record;
     status = read_row(rows, record);
-    if (status == CR_STATUS_OK) next = check_walked(owner, rows.text(0), status);
+    if (status == CR_STATUS_OK) next = check_walked(owner, rows, status);
     if (next != CR_STATUS_OK) return next;
     if (status != CR_STATUS_OK) continue;
     status = call(cb, rows.text(0), record.get());

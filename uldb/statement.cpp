@@ -105,13 +105,22 @@ int Statement::finalize() {
   return judged_;
 }
 
-cr_status_t check_owner(Statement& owner, const char* poid) {
+namespace {
+
+bool equal(const Blob& a, const Blob& b) {
+  return a.size == b.size && (a.size == 0 || std::memcmp(a.bytes, b.bytes, a.size) == 0);
+}
+
+}  // namespace
+
+cr_status_t check_owner(Statement& owner, const char* poid, const Blob* list) {
   owner.rewind();
   cr_status_t status = owner.bind_poid(poid);
   if (status == CR_STATUS_OK) status = owner.next_row();
   if (status != CR_STATUS_OK) return status;
   const char* name = owner.text(0);
-  if (name == nullptr || std::strcmp(name, poid) != 0) {
+  const bool owns = name != nullptr && std::strcmp(name, poid) == 0;
+  if (!owns || (list != nullptr && !equal(*list, owner.blob(1)))) {
     status = CR_STATUS_BAD_DATA;
     ErrorA(status, "The index of UDCID lists leads POID %s to the row of %s", poid,
            name != nullptr ? name : "(null)");

@@ -71,11 +71,13 @@ class Statement {
 // another content. So a row that the index found is asked for its own POID, by this statement.
 constexpr StatementTexts owner_texts(const char* operation) {
   return {operation,
-          "SELECT own.poid FROM utable AS led CROSS JOIN utable AS own ON own.rowid = led.rowid "
+          "SELECT own.poid, own.udcids FROM utable AS led CROSS JOIN utable AS own ON own.rowid = "
+          "led.rowid "
           "WHERE led.poid = ?",
           "prepare SQL", "step ", false};
 }
 
-// Runs it. CR_STATUS_BAD_DATA, after a log line, when index and row contradict each other,
-// CR_STATUS_NOT_FOUND when the index does not know the POID.
-cr_status_t check_owner(Statement& owner, const char* poid);
+// Runs it. CR_STATUS_BAD_DATA, after a log line, when index and row contradict each other, or the
+// row does not hold the `list` (may be null) that a walk met under this POID: a damaged index may
+// have two rows under one. CR_STATUS_NOT_FOUND when the index does not know the POID.
+cr_status_t check_owner(Statement& owner, const char* poid, const Blob* list);
