@@ -71,9 +71,8 @@ class Statement {
 // another content. So a row that the index found is asked for its own POID, by this statement.
 constexpr StatementTexts owner_texts(const char* operation) {
   return {operation,
-          "SELECT own.poid, own.udcids FROM utable AS led CROSS JOIN utable AS own ON own.rowid = "
-          "led.rowid "
-          "WHERE led.poid = ?",
+          "SELECT own.poid, own.udcids FROM utable AS led CROSS JOIN utable AS own "
+          "ON own.rowid = led.rowid WHERE led.poid = ?",
           "prepare SQL", "step ", false};
 }
 
