@@ -1,5 +1,6 @@
 #include "podb/retention.h"
 
+#include <dlfcn.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -13,7 +14,26 @@
 namespace {
 // While it is set the marker of the fake clock exists, and the system clock says this.
 std::optional<time_t> fake_clock;
+// The host function that has no memory for what it is to keep or to tell.
+std::string failing;
+
+template <typename Function>
+Function* real(const char* name) {
+  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
 }  // namespace
+
+extern "C" {
+int POSetSpecialFlags(_po_t* record, std::uint32_t flags) {
+  return failing == __func__ ? -1 : real<decltype(POSetSpecialFlags)>(__func__)(record, flags);
+}
+int POSetAtime(_po_t* record, std::uint64_t time) {
+  return failing == __func__ ? -1 : real<decltype(POSetAtime)>(__func__)(record, time);
+}
+const char* POGetCdoRef(const _po_t* record) {
+  return failing == __func__ ? nullptr : real<decltype(POGetCdoRef)>(__func__)(record);
+}
+}  // extern "C"
 
 extern "C" int zel_access(const char* path, int mode) {
   const bool is_marker = std::string(path) == "/etc/tarn/fake-compliance-clock";
@@ -32,7 +52,7 @@ constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
 // An entry "img" in a store, with a clock in hand.
 class Retention : public StoreTest {
  protected:
-  Retention() { fake_clock = 5000; }
+  Retention() { fake_clock = 5000, failing.clear(); }
 
   void store(std::uint64_t atime) {
     refhost::RecordFields fields = file_fields("img", make_poid(1), 7, "/c/p");
@@ -91,6 +111,24 @@ TEST_F(Retention, AddsFlagsRaisesTheLockOnlyAndReportsTimesRelativeToTheClock) {
       "set_retention: the retention lock 5099 is less than previous value 5100 for img");
   EXPECT_EQ(info().worm_flags, WORM_IMMUTABLE);
   EXPECT_EQ(std::string(info().cdo_ref, 1024), std::string(1024, 'f')) << "cut";
+}
+
+TEST_F(Retention, LeavesTheEntryAloneWhenTheHostFails) {
+  store(9999);
+  for (const char* function : {"POSetSpecialFlags", "POSetAtime"}) {
+    failing = function;
+    EXPECT_NE(set(RETENTION_LOCK | RETENTION_IMMUTABLE, 9999), CR_STATUS_OK);
+    failing.clear();
+    EXPECT_EQ(info().worm_flags, 0U) << function;
+    ASSERT_EQ(log.messages(refhost::LogLevel::Error),
+              Names{"set_retention: set po failed for img"});
+    log.clear();
+  }
+  EXPECT_EQ(set(RETENTION_IMMUTABLE, 0), CR_STATUS_OK);
+  EXPECT_EQ(info().worm_flags, WORM_IMMUTABLE) << "its time is in the future, but it is no lock";
+  EXPECT_EQ(info().lock_remaining, 4999);
+  failing = "POGetCdoRef";
+  EXPECT_EQ(std::string(info().cdo_ref, 2), std::string(2, '\0'));
 }
 
 TEST_F(Retention, InventsNoEntry) {

@@ -106,7 +106,7 @@ TEST(ApplyJournal, CutAtAnyByteKeepsItsWholeLinesAndTellsOfAFailedOne) {
 TEST(ApplyJournal, TellsWhatItCouldNotReadOrRun) {
   const TempDir dir;
   const std::string file = dir.path("j");
-  LogCapture log;
+  LogCapture log(refhost::LogLevel::Trace);
   Db db;
   EXPECT_EQ(db.exec_file(file, true), CR_STATUS_OK) << "nothing to restore";
   EXPECT_EQ(db.exec_file(dir.path(), true), CR_STATUS_FAILED);
@@ -140,11 +140,34 @@ TEST(ApplyJournal, HandsOnDamageAndStaysConfinedNoLongerThanTheReplay) {
   sqlitedb::SQLiteApplyJournal db(dir.path("j.db"));
   std::string journal = "SELECT * FROM t;";
   EXPECT_EQ(db.exec_file_content("j", journal, true), CR_STATUS_NOT_FOUND);
+  EXPECT_EQ(db.exec_file("j", true), CR_STATUS_NOT_FOUND);
   log.clear();
   ASSERT_EQ(db.open_db(), CR_STATUS_OK);
   EXPECT_THROW(db.exec_file_content("j", journal, true), sqlitedb::db_exception);
   log.clear();
   EXPECT_EQ(db.exec("PRAGMA foreign_keys = 1;", nullptr), CR_STATUS_OK);
+}
+
+// The connection's first statement also sets what makes its commits outlive a power failure.
+TEST(ApplyJournal, MayBeTheFirstUseOfAConnectionAndNeverLessensWhatACommitOutlives) {
+  const struct {
+    const char* journal;
+    cr_status_t status;
+  } cases[] = {{"CREATE TABLE t (a); INSERT INTO t VALUES (abs(-1));", CR_STATUS_OK},
+               {"PRAGMA synchronous=EXTRA;", CR_STATUS_OK},
+               {"PRAGMA synchronous=OFF;", CR_STATUS_FAILED},
+               {"PRAGMA synchronous;", CR_STATUS_FAILED},
+               {"PRAGMA journal_mode=EXTRA;", CR_STATUS_FAILED},
+               {"DETACH main;", CR_STATUS_FAILED}};
+  for (auto [journal, status] : cases) {
+    LogCapture log;
+    sqlitedb::SQLiteApplyJournal db(":memory:");
+    EXPECT_EQ(db.open_db(), CR_STATUS_OK);
+    std::string text = journal;
+    EXPECT_EQ(db.exec_file_content("j", text, true), status) << journal;
+    EXPECT_TRUE(status != 0 || db.run_pragma("PRAGMA synchronous", "3", nullptr)) << journal;
+    log.clear();
+  }
 }
 
 }  // namespace

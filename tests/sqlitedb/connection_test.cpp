@@ -3,22 +3,46 @@
 #include <sqlite3.h>
 
 #include <fstream>
+#include <map>
 
+#include "host/files.h"
 #include "sqlitedb/sqlite_wrapper.h"
 #include "tests/support/fake_sleep.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
+
 int asked_timeout = 0;
+// What functions answer in place of their work.
+std::map<std::string, int> answers;
+
+template <typename Function, typename... Arguments>
+int answer(const char* name, Function*, Arguments... arguments) {
+  const auto given = answers.find(name);
+  if (given != answers.end()) return given->second;
+  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name))(arguments...);
+}
+
 }  // namespace
 
-// SQLite's own gets 0, so that nobody really waits for a lock.
-extern "C" int sqlite3_busy_timeout(sqlite3* db, int milliseconds) {
+extern "C" {
+
+int sqlite3_busy_timeout(sqlite3* db, int milliseconds) {
   asked_timeout = milliseconds;
-  using Function = decltype(sqlite3_busy_timeout);
-  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, __func__))(db, 0);
+  return answer(__func__, &sqlite3_busy_timeout, db, 0);  // so that nobody really waits for a lock
 }
+int sqlite3_open(const char* path, sqlite3** db) {
+  return answer(__func__, &sqlite3_open, path, db);
+}
+int sqlite3_close(sqlite3* db) { return answer(__func__, &sqlite3_close, db); }
+int sqlite3_errcode(sqlite3* db) { return answer(__func__, &sqlite3_errcode, db); }
+int sqlite3_extended_result_codes(sqlite3* db, int on) {
+  return answer(__func__, &sqlite3_extended_result_codes, db, on);
+}
+cr_status_t wa_deletefile(const char* path) { return answer(__func__, &wa_deletefile, path); }
+
+}  // extern "C"
 
 namespace {
 
@@ -28,6 +52,7 @@ using sqlitedb::db_exception;
 struct TestDb : sqlitedb::sqlite3_wrapper {
   using sqlite3_wrapper::db;
   using sqlite3_wrapper::on_db_error;
+  using sqlite3_wrapper::opened;
   using sqlite3_wrapper::sqlite3_wrapper;
 
   cr_status_t on_db_createtable() override { return schema(); }
@@ -40,6 +65,7 @@ struct TestDb : sqlitedb::sqlite3_wrapper {
 };
 
 struct Connection : testing::Test {
+  Connection() { answers.clear(); }
   void open_with_rows() {
     ASSERT_EQ(db.open_db(), CR_STATUS_OK);
     ASSERT_EQ(db.exec("CREATE TABLE t (a, b); INSERT INTO t VALUES (1, 0), (2, 0)", nullptr), 0);
@@ -65,6 +91,97 @@ TEST_F(Connection, maps_a_failure_and_throws_corruption_alone) {
   EXPECT_EQ(db.on_db_error(SQLITE_IOERR_READ), CR_STATUS_IO_ERROR);
   EXPECT_THROW(db.on_db_error(SQLITE_CORRUPT), db_exception);
   log.expect_info(CR_STATUS_NONE, "[DBERR 0000000B]: database disk image is malformed");
+}
+
+TEST_F(Connection, tells_what_fails_below_it_and_what_became_of_its_file) {
+  const auto init = [&] { return db.init_db(); };
+  const auto bad_init = [&] { return db.schema = [] { return CR_STATUS_BUSY; }, db.init_db(); };
+  const auto open = [&] { return db.open_db(); };
+  const auto read = [&] { return db.exec("SELECT a FROM t", &db); };
+  const auto elsewhere = [&] { return db.open_db(dir.path("b.db")); };
+  const auto half_open = [&] { return db.opened = false, db.open_db(); };
+  using refhost::LogLevel;
+  const struct {
+    const char* function;
+    int answer;
+    bool opened;  // before
+    std::function<cr_status_t()> operation;
+    cr_status_t status;
+    std::string line;
+    bool has_handle, has_file;
+  } cases[] = {
+      {"sqlite3_extended_result_codes", SQLITE_IOERR, false, init, CR_STATUS_IO_ERROR,
+       "Failed to set extended result code for " + file, false, false},
+      {"sqlite3_extended_result_codes", SQLITE_IOERR, false, open, CR_STATUS_IO_ERROR,
+       "Failed to set extended result code for " + file, false, true},
+      {"sqlite3_open", SQLITE_PERM, false, init, CR_STATUS_FAILED,
+       "[DBERR 00000003]: access permission denied", false, false},
+      {"wa_deletefile", CR_STATUS_BUSY, false, bad_init, CR_STATUS_BUSY,
+       "Could not delete bad db file " + file, false, true},
+      {"wa_deletefile", CR_STATUS_BUSY, true, [&] { return db.drop_db(); }, CR_STATUS_BUSY,
+       "Failed to delete database file " + file + ".", false, true},
+      {"", 0, true, [&] { return db.drop_db(); }, 0, "Drop database " + file + ".", false, false},
+      {"sqlite3_close", SQLITE_MISUSE, true, [&] { return db.close_db(3); }, CR_STATUS_FAILED,
+       "Close SQLite database " + file, true, true},
+      {"sqlite3_close", SQLITE_MISUSE, true, half_open, CR_STATUS_FAILED,
+       "Close SQLite database " + file, true, true},
+      {"sqlite3_close", SQLITE_MISUSE, true, elsewhere, CR_STATUS_OK,
+       "Open SQLite database " + dir.path("b.db"), true, true},
+      {"sqlite3_errcode", SQLITE_NOMEM, true, read, CR_STATUS_FAILED,
+       file + ": failed to execute [[[\"SELECT a FROM t\"]]] (4:query aborted)", true, true}};
+  refhost::set_log_level(LogLevel::Trace);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(&c - cases);
+    if (c.opened) open_with_rows();
+    sqlite3* const before = db.db;
+    answers = {{c.function, c.answer}};
+    EXPECT_EQ(c.operation(), c.status);
+    answers.clear();
+    EXPECT_EQ(db.has_handle(), c.has_handle);
+    EXPECT_EQ(fs::exists(file), c.has_file);
+    const auto is_told = [&](const auto& line) { return line.message == c.line; };
+    const auto lines = log.lines();
+    EXPECT_EQ(std::count_if(lines.begin(), lines.end(), is_told), 1);
+    if (before != db.db && c.answer == SQLITE_MISUSE) sqlite3_close(before);  // abandoned
+    db.open_db(file), db.drop_db(), log.clear();
+  }
+}
+
+TEST_F(Connection, says_that_it_is_none_and_takes_what_is_no_table_for_a_failure) {
+  const std::string sql = dir.path("f.sql");
+  unsigned long rows = 7;
+  EXPECT_EQ(db.count_in_table("t", &rows), CR_STATUS_FAILED);
+  EXPECT_EQ(db.exec_file(sql, true) + db.rollback_transaction(), 2 * CR_STATUS_NOT_FOUND);
+  EXPECT_EQ(db.run_pragma("PRAGMA page_size", "4096", nullptr) + db.get_changes(), 0);
+  EXPECT_FALSE(db.in_transaction());
+  for (int i = 0; i < 5; ++i) {
+    log.expect_error(CR_STATUS_NOT_FOUND, file + " is not opened.");
+  }
+  refhost::set_log_level(refhost::LogLevel::Trace);
+  db.schema = []() -> cr_status_t { throw std::bad_alloc(); };
+  EXPECT_THROW(db.init_db(), std::bad_alloc);
+  EXPECT_FALSE(fs::exists(file));
+  open_with_rows();
+  EXPECT_EQ(db.init_db() + db.open_db() + db.checkopen(), CR_STATUS_OK) << "open already";
+  EXPECT_EQ(db.exec_file(sql, true), CR_STATUS_OK) << "nothing to run";
+  std::ofstream(sql) << "INSERT INTO t VALUES (3, NULL);";
+  EXPECT_EQ(db.exec_file(sql, true), CR_STATUS_OK);
+  EXPECT_EQ(db.exec_file(dir.path(), true), CR_STATUS_FAILED);
+  log.expect_error(CR_STATUS_FAILED, "Failed to load the content of " + dir.path());
+  EXPECT_EQ(db.count_in_table("t", nullptr), CR_STATUS_BAD_ARG);
+  EXPECT_EQ(db.count_in_table("gone", &rows), CR_STATUS_FAILED);
+  log.expect_error(CR_STATUS_FAILED, "count_in_table: faile to exec (SELECT COUNT(*) FROM gone;) ");
+  EXPECT_EQ(rows, 7U);
+  EXPECT_EQ(db.count_in_table("t WHERE 0 UNION ALL SELECT NULL", &rows), CR_STATUS_OK);
+  EXPECT_EQ(rows, 0U);
+  std::string told;
+  EXPECT_TRUE(db.run_pragma("SELECT b FROM t WHERE a = 3", "", nullptr)) << "NULL";
+  EXPECT_FALSE(db.run_pragma("SELECT a FROM t", "4", &told) || db.run_pragma("bad", "", nullptr));
+  EXPECT_EQ(told, "123");
+  const db_exception texts[] = {{SQLITE_NOTADB, "mine"}, {SQLITE_BUSY, nullptr}, {SQLITE_OK, 7}};
+  EXPECT_STREQ(texts[0].what(), "mine");
+  EXPECT_STREQ(texts[1].what(), "database is locked");
+  EXPECT_EQ(texts[2].cr_status(), 7);
 }
 
 TEST_F(Connection, is_made_for_a_missing_or_an_empty_file_only) {
@@ -107,6 +224,7 @@ TEST_F(Connection, waits_for_its_statements_when_closing_and_is_abandoned_in_the
     sqlite3_stmt* statement = nullptr;
     sqlite3_prepare_v2(handle, "SELECT 1", -1, &statement, nullptr);
     unsigned int slept = 0;
+    refhost::set_log_level(refhost::LogLevel::Trace);
     const FakeSleep counted([&](unsigned int) {
       if (++slept == done_after) sqlite3_finalize(statement);
     });
