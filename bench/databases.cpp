@@ -20,7 +20,8 @@ void check(sqlite3* db, int rc, const char* what) {
 
 }  // namespace
 
-ScratchDir::ScratchDir() : path_(std::filesystem::temp_directory_path() / "pocatalog-XXXXXX") {
+ScratchDir::ScratchDir()
+    : path_(std::filesystem::temp_directory_path() / "pocatalog-bench-XXXXXX") {
   must(mkdtemp(path_.data()) == nullptr, "mkdtemp");
 }
 
