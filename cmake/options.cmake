@@ -13,6 +13,7 @@ set(CMAKE_INSTALL_RPATH "$ORIGIN/../lib;$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
 
 option(POCATALOG_TESTS "Build the tests" ON)
 option(POCATALOG_BENCH "Build the benchmarks" OFF)
+option(POCATALOG_FUZZ "Build the fuzz targets, which needs clang++" OFF)
 set(POCATALOG_SANITIZE "" CACHE STRING "Sanitizers, as -fsanitize takes them")
 
 add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror)
@@ -24,4 +25,7 @@ if(POCATALOG_SANITIZE)
   add_compile_options(-fsanitize=${POCATALOG_SANITIZE} -fno-omit-frame-pointer
                       -fno-sanitize-recover=all)
   add_link_options(-fsanitize=${POCATALOG_SANITIZE})
+endif()
+if(POCATALOG_FUZZ)
+  add_compile_options(-fsanitize=fuzzer-no-link)
 endif()
