@@ -122,10 +122,11 @@ class Rot {
   std::string notes_;
 };
 
-// Every so many'th bit; POCATALOG_SOAK=1 takes every one.
+// Every so many'th bit is turned over: POCATALOG_BIT_STRIDE, or every one with POCATALOG_SOAK.
 std::size_t stride() {
-  const char* soak = std::getenv("POCATALOG_SOAK");
-  return soak != nullptr ? std::max(std::atoi(soak), 1) : 2503;
+  const char* given = std::getenv("POCATALOG_BIT_STRIDE");
+  if (given != nullptr) return std::max(std::strtoull(given, nullptr, 10), 1ULL);
+  return std::getenv("POCATALOG_SOAK") != nullptr ? 1 : 2503;
 }
 
 struct Kind {
