@@ -1,6 +1,4 @@
 #include <algorithm>
-#include <filesystem>
-#include <fstream>
 
 #include "cli/time_text.h"
 #include "tests/cli/read_fixture.h"
@@ -14,20 +12,19 @@ class FindTest : public CatalogTest {
     CatalogTest::TearDown();
   }
 
-  Outcome find(std::vector<std::string> arguments) const {
-    arguments.insert(arguments.begin(), {"find", root_});
-    return run_command(arguments);
+  Outcome find(const std::string& pattern, const std::string& conditions = "") const {
+    return command("find " + root_ + " " + conditions + " --", {pattern});
   }
 
   // The names that are found in the image's directory, with a blank after each.
-  std::string names(const std::vector<std::string>& arguments) const {
-    std::istringstream lines(find(arguments).out);
-    std::string found;
+  std::string found(const std::string& pattern, const std::string& conditions = "") const {
+    std::istringstream lines(find(pattern, conditions).out);
+    std::string all;
     for (std::string line; std::getline(lines, line);) {
       EXPECT_EQ(line.substr(0, image_.size() + 1), image_ + "/");
-      found += line.substr(image_.size() + 1) + ' ';
+      all += line.substr(image_.size() + 1) + ' ';
     }
-    return found;
+    return all;
   }
 };
 
@@ -42,48 +39,40 @@ TEST_F(FindTest, EveryConditionNarrowsTheSearch) {
   fields.poid = make_poid(2);
   fields.mtime = static_cast<std::uint64_t>(-5);  // 1969
   add_file("b%", fields);
-  const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
-      {{"*"}, "a'b aXb a_b b% "},
-      {{"a'b"}, "a'b "},
-      {{"a?b"}, "a'b aXb a_b "},
-      {{"a[_X]b"}, "aXb a_b "},
-      {{"' OR '1'='1"}, ""},
-      {{"*", "--poid", make_poid(2)}, "b% "},
-      {{"*", "--size", ">100"}, "a_b b% "},
-      {{"*", "--size", "<101"}, "a'b aXb "},
-      {{"*", "--newer", "999"}, "a'b "},
-      {{"*", "--newer", "1970-01-01T01:16:38+01:00"}, "a'b aXb a_b "},
-      {{"*", "--newer", "-6", "--size", ">100", "--poid", make_poid(2)}, "b% "},
-  };
-  for (const auto& [arguments, found] : cases) {
-    EXPECT_EQ(names(arguments), found) << arguments.back();
-  }
+  EXPECT_EQ(found("*"), "a'b aXb a_b b% ");
+  EXPECT_EQ(found("a'b"), "a'b ");
+  EXPECT_EQ(found("a?b"), "a'b aXb a_b ");
+  EXPECT_EQ(found("a[_X]b"), "aXb a_b ");
+  EXPECT_EQ(found("' OR '1'='1"), "");
+  EXPECT_EQ(found("*", "--poid " + make_poid(2)), "b% ");
+  EXPECT_EQ(found("*", "--size >100"), "a_b b% ");
+  EXPECT_EQ(found("*", "--size <101"), "a'b aXb ");
+  EXPECT_EQ(found("*", "--newer 999"), "a'b ");
+  EXPECT_EQ(found("*", "--newer 1970-01-01T01:16:38+01:00"), "a'b aXb a_b ");
+  EXPECT_EQ(found("*", "--newer -6 --size >100 --poid " + make_poid(2)), "b% ");
 }
 
 TEST_F(FindTest, WhereNamesAreNotCaseSensitiveTheStarIsTheOnlyWildcard) {
   refhost::set_case_sensitive(false);
   for (const char* name : {"It's", "a_b", "aXb"}) add_file(name);
-  EXPECT_EQ(names({"iT's"}), "It's ");
-  EXPECT_EQ(names({"A_*"}), "a_b ");
-  EXPECT_EQ(names({"a?b"}), "");
-  EXPECT_EQ(find({std::string(2049, 'x')}).status, cli::kUsage);
+  EXPECT_EQ(found("iT's"), "It's ");
+  EXPECT_EQ(found("A_*"), "a_b ");
+  EXPECT_EQ(found("a?b"), "");
+  EXPECT_EQ(find(std::string(2049, 'x')).status, cli::kUsage);
 }
 
-TEST_F(FindTest, DirectoriesComeInByteOrderParentsFirst) {
+TEST_F(FindTest, PathsComeInByteOrderPrintableToATerminalAndAsTheyAreToAPipe) {
+  const std::string name = "a\nb\xff";
+  add_file(name);
+  EXPECT_EQ(find("*").out, image_ + "/a\\x0ab\\xff\n");
+  EXPECT_EQ(find("*", "-0").out, image_ + "/" + name + '\0');
   add_file("z");
   for (const char* below : {"/b", "/a", "/a/c"}) {
     add_directory(image_ + below);
-    std::filesystem::copy_file(database(image_), database(image_ + below));
+    fs::copy_file(database(image_), database(image_ + below));
   }
-  EXPECT_EQ(names({"z"}), "z a/z a/c/z b/z ");
-  EXPECT_EQ(names({"z", "--under", image_ + "/a/"}), "a/z a/c/z ");
-}
-
-TEST_F(FindTest, PathsReachATerminalPrintableAndAPipeAsTheyAre) {
-  const std::string name = "a\nb\xff";
-  add_file(name);
-  EXPECT_EQ(find({"*"}).out, image_ + "/a\\x0ab\\xff\n");
-  EXPECT_EQ(find({"*", "-0"}).out, image_ + "/" + name + '\0');
+  EXPECT_EQ(found("z"), "z a/z a/c/z b/z ");
+  EXPECT_EQ(found("z", "--under " + image_ + "/a/"), "a/z a/c/z ");
 }
 
 // More matches than a page holds, among others that do not match.
@@ -92,23 +81,12 @@ TEST_F(FindTest, NothingIsLostBetweenPagesAndDamageIsNamed) {
   sql("WITH RECURSIVE n(i) AS (SELECT 1000 UNION ALL SELECT i + 1 FROM n WHERE i < 3399) INSERT "
       "INTO po SELECT CASE WHEN i % 2 THEN 'odd' ELSE 'even' END || i, poid, content, 0 FROM n, "
       "po");
-  const Outcome outcome = find({"even*"});
+  const Outcome outcome = find("even*");
   EXPECT_EQ(outcome.status, cli::kInconsistent);
-  const auto reported = std::count(outcome.err.begin(), outcome.err.end(), '\n');
-  EXPECT_EQ(reported, 1200);
+  EXPECT_EQ(std::count(outcome.err.begin(), outcome.err.end(), '\n'), 1200);
   EXPECT_EQ(outcome.err.find("odd"), std::string::npos);
-  std::ofstream(database(image_)) << std::string(5000, 'x');
-  EXPECT_EQ(find({"*"}).status, cli::kInconsistent);
-}
-
-TEST_F(FindTest, WhatMakesNoSenseIsRefused) {
-  using Arguments = std::vector<std::string>;
-  for (const Arguments& arguments : {Arguments{"*", "--size", "<5k"},
-                                     {"*", "--poid", "abc"},
-                                     {"*", "--newer", "yesterday"},
-                                     {"*", "--under", "../x"}}) {
-    EXPECT_EQ(find(arguments).status, cli::kUsage) << arguments.back();
-  }
+  write_file(database(image_), std::string(5000, 'x'));
+  EXPECT_EQ(find("*").status, cli::kInconsistent);
 }
 
 TEST(TimeText, IsRfc3339OrSeconds) {
@@ -120,13 +98,12 @@ TEST(TimeText, IsRfc3339OrSeconds) {
       {"1969-12-31T23:59:59Z", -1},
       {"2024-02-29T00:00:00Z", 1709164800},
       {"2016-12-31T23:59:60Z", 1483228800},
-      {"2023-02-29T00:00:00Z", {}},
-      {"2023-11-14T22:13:20", {}},
-      {"2023-11-14T22:13:20Zx", {}},
-      {"99999999999999999999", {}},
-      {"", {}},
   };
   for (const auto& [text, seconds] : cases) EXPECT_EQ(cli::parse_time(text), seconds) << text;
+  for (const char* text : {"2023-02-29T00:00:00Z", "2023-11-14T22:13:20", "2023-11-14T22:13:20Zx",
+                           "99999999999999999999", ""}) {
+    EXPECT_FALSE(cli::parse_time(text)) << text;
+  }
 }
 
 }  // namespace

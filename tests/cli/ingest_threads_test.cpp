@@ -1,15 +1,13 @@
 // One catalog in the hands of many threads and processes.
 #include <thread>
 
-#include "tests/cli/child_process.h"
-#include "tests/cli/ingest_fixture.h"
-#include "tests/cli/lists_of.h"
+#include "tests/cli/independent.h"
+#include "tests/cli/read_fixture.h"
+#include "tests/support/child_process.h"
 
 namespace {
 
-namespace fs = std::filesystem;
-
-class IngestThreadsTest : public IngestTest {
+class IngestThreadsTest : public CommandTest {
  protected:
   static constexpr int kDirectories = 24;
   static constexpr int kFiles = 10;
@@ -20,65 +18,61 @@ class IngestThreadsTest : public IngestTest {
     return "/" + std::to_string(number % 2) + "/" + std::to_string(number % 6) + "/" +
            std::to_string(number);
   }
-
+  // Of the files 0, 1, 2 ...
+  static Names contents(int number) {
+    Names all(kFiles, std::to_string(number) + " ");
+    for (int file = 0; file < kFiles; ++file) all[std::size_t(file)] += std::to_string(file);
+    return all;
+  }
   void make_tree() const {
     for (int number = 0; number < kDirectories; ++number) {
-      for (int file = 0; file < kFiles; ++file) {
-        write(directory(number).substr(1) + "/" + std::to_string(file), content(number, file));
+      int file = 0;
+      for (const std::string& content : contents(number)) {
+        write(directory(number) + "/" + std::to_string(file++), content);
       }
     }
   }
-  static std::string content(int number, int file) {
-    return std::to_string(number) + " " + std::to_string(file);
-  }
-
   void expect_complete() {
     for (int number = 0; number < kDirectories; ++number) {
-      std::vector<std::string> contents;
-      contents.reserve(kFiles);
-      for (int file = 0; file < kFiles; ++file) contents.push_back(content(number, file));
-      EXPECT_EQ(names(directory(number)).size(), contents.size());
-      EXPECT_EQ(lists_of(image_ + directory(number)), lists_for(contents));
+      EXPECT_EQ(names(directory(number)).size(), kFiles);
+      EXPECT_EQ(lists_of(full(image_) + directory(number)), lists_for(contents(number)));
     }
     EXPECT_EQ(counters()[2], kAll);
-    EXPECT_EQ(run_command({"verify", root_}).status, cli::kDone);
+    expect_sound();
   }
 };
 
 TEST_F(IngestThreadsTest, ThreadsIngestAndQueryOneCatalogAtOnce) {
   make_tree();
   write("first", "x");
-  EXPECT_EQ(ingest(cli::kDone, {"--threads", "1", "--no-content"}).at(0), 241U);
+  EXPECT_EQ(ingest(cli::kDone, "--threads 1 --no-content").at(0), 241U);
   std::atomic<bool> ingesting{true};
   std::vector<std::thread> readers;
   readers.reserve(4);
   for (int reader = 0; reader < 4; ++reader) {
     readers.emplace_back([&, reader] {
       for (int number = reader; ingesting; number = (number + 1) % kDirectories) {
-        const std::string path = "5/client/policy" + directory(number);
-        EXPECT_EQ(run_command({"ls", root_, path}).status, cli::kDone);
-        EXPECT_EQ(run_command({"show", root_, path + "/0"}).status, cli::kDone);
+        const std::string path = root_ + " " + image_ + directory(number);
+        expect(cli::kDone, "ls " + path);
+        expect(cli::kDone, "show " + path + "/0");
       }
     });
   }
-  for (int number = 0; number < kDirectories; ++number) {
-    for (int file = 0; file < kFiles; ++file) {
-      fs::last_write_time(source_ + directory(number) + "/" + std::to_string(file),
-                          fs::file_time_type::clock::now() + std::chrono::hours(1));
-    }
+  for (const auto& entry : fs::recursive_directory_iterator(source_)) {
+    fs::last_write_time(entry, fs::file_time_type::clock::now() + std::chrono::hours(1));
   }
-  EXPECT_EQ(ingest(cli::kDone, {"--threads", "12"}), (Counters{0, 241, 0, 0, 0})) << err_;
+  EXPECT_EQ(ingest(cli::kDone, "--threads 12"), (Counters{0, 241, 0, 0, 0})) << err_;
   ingesting = false;
   for (std::thread& reader : readers) reader.join();
   fs::remove(source_ + "/first");
-  EXPECT_EQ(ingest(cli::kDone, {"--threads", "64", "--delete"}), (Counters{0, 0, 240, 1, 0}));
+  EXPECT_EQ(ingest(cli::kDone, "--threads 64 --delete"), (Counters{0, 0, 240, 1, 0}));
   expect_complete();
 }
 
 TEST_F(IngestThreadsTest, ProcessesThatIngestTheSameTreeAddEveryFileOnce) {
   make_tree();
   const auto process = [this] {
-    const Outcome outcome = run({"--threads", "4"});
+    const Outcome outcome = run("--threads 4");
     const nlohmann::json summary = outcome.json().at(0);
     const int done = summary["added"].get<int>() + summary["unchanged"].get<int>();
     return done == kAll && summary["mended"] == 0 ? outcome.status : 99;
@@ -90,45 +84,41 @@ TEST_F(IngestThreadsTest, ProcessesThatIngestTheSameTreeAddEveryFileOnce) {
   EXPECT_EQ(ingest(cli::kDone), (Counters{0, 0, kAll, 0, 0}));
 }
 
-TEST_F(IngestThreadsTest, ProblemsAreToldInWholeLines) {
-  for (int number = 0; number < 300; ++number) {
-    fs::create_directories(source_ + "/" + std::to_string(number) + "/po.db");
+TEST_F(IngestThreadsTest, DescriptorsDoNotGrowWithTheTreeAndProblemsAreToldInWholeLines) {
+  for (int number = 0; number < 200; ++number) {
+    write(std::to_string(number) + "/f", "x");
+    fs::create_directory(source_ + "/" + std::to_string(number) + "/po.db");
   }
-  EXPECT_EQ(ingest(cli::kIncomplete, {"--threads", "8"}).at(4), 300U);
+  std::atomic<std::ptrdiff_t> most{0};
+  hooks.record = [&](const _po_t*) {
+    const fs::directory_iterator descriptors("/proc/self/fd");
+    const std::ptrdiff_t open = std::distance(begin(descriptors), end(descriptors));
+    if (open > most) most = open;
+    return false;
+  };
+  EXPECT_EQ(ingest(cli::kIncomplete, "--threads 8"), (Counters{200, 0, 0, 0, 200}));
+  EXPECT_GT(most, 0);
+  EXPECT_LT(most, 100);
   std::istringstream lines(err_);
   int told = 0;
   for (std::string line; std::getline(lines, line); ++told) {
     EXPECT_EQ(line.find("pocatalog: " + source_ + "/"), 0U) << line;
     EXPECT_NE(line.find("/po.db: skipped"), std::string::npos) << line;
   }
-  EXPECT_EQ(told, 300);
-}
-
-TEST_F(IngestThreadsTest, DescriptorsDoNotGrowWithTheTree) {
-  for (int number = 0; number < 200; ++number) write(std::to_string(number) + "/f", "x");
-  std::atomic<std::ptrdiff_t> most{0};
-  on_record_printed = [&](const _po_t*) {
-    const fs::directory_iterator descriptors("/proc/self/fd");
-    const std::ptrdiff_t open = std::distance(begin(descriptors), end(descriptors));
-    if (open > most) most = open;
-    return false;
-  };
-  EXPECT_EQ(ingest(cli::kDone, {"--threads", "2"}).at(0), 200U);
-  EXPECT_GT(most, 0);
-  EXPECT_LT(most, 50);
+  EXPECT_EQ(told, 200);
 }
 
 // The counters may lack what was committed by then: the next run counts anew.
 TEST_F(IngestThreadsTest, WhatAThreadThrowsEndsTheRunAndNothingElse) {
   make_tree();
   std::atomic<int> printed{0};
-  on_record_printed = [&](const _po_t*) {
+  hooks.record = [&](const _po_t*) {
     if (++printed > 100) throw std::runtime_error("thrown by a thread");
     return false;
   };
-  EXPECT_EQ(ingest(cli::kFailed, {"--threads", "4"}), Counters{});
+  EXPECT_EQ(ingest(cli::kFailed, "--threads 4"), Counters{});
   EXPECT_EQ(err_, "pocatalog: thrown by a thread\n");
-  on_record_printed = nullptr;
+  hooks = {};
   ingest(cli::kDone);
   EXPECT_NE(err_.find("counted anew"), std::string::npos);
   expect_complete();

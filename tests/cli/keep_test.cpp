@@ -1,24 +1,8 @@
-#include <unistd.h>
-
-#include <functional>
-
 #include "cli/format.h"
 #include "cli/period.h"
-#include "tests/cli/keep_fixture.h"
+#include "tests/cli/read_fixture.h"
 
 namespace {
-
-namespace fs = std::filesystem;
-
-// Runs `act` where the permissions of files count, also when the tests run as root.
-Outcome as_nobody(const std::function<Outcome()>& act) {
-  constexpr uid_t kNobody = 65534;
-  const bool root = geteuid() == 0;
-  EXPECT_EQ(root ? setresuid(kNobody, kNobody, 0) : 0, 0);
-  Outcome outcome = act();
-  EXPECT_EQ(root ? setresuid(0, 0, 0) : 0, 0);
-  return outcome;
-}
 
 TEST(Periods, AreWholeNumbersOfAUnitWithinTheRange) {
   const std::vector<std::pair<std::string, std::int64_t>> periods = {
@@ -34,30 +18,27 @@ TEST_F(KeepTest, ALockIsSetAndShownWithWhatRemainsOfIt) {
   const auto show = [&] { return command("--json retention show " + entry_).json().at(0); };
   EXPECT_FALSE(show().contains("lock"));
   const auto due = static_cast<std::uint64_t>(time(nullptr)) + 7776000;
-  EXPECT_EQ(command("retention set " + entry_ + "--for 90d --immutable").status, cli::kDone);
+  expect(cli::kDone, "retention set " + entry_ + "--for 90d --immutable");
   const nlohmann::json shown = show();
   const std::uint64_t lock = shown.value("lock_seconds", std::uint64_t{0});
   EXPECT_TRUE(lock >= due && lock < due + 60) << shown;
   EXPECT_TRUE(shown["in_force"] && shown["immutable"] && !shown["cloud"]) << shown;
-  const Outcome shorter = command("retention set " + entry_ + "--for 89d");
-  EXPECT_EQ(shorter.status, cli::kLockInForce);
-  EXPECT_NE(shorter.err.find("ends at " + cli::utc_time(lock)), std::string::npos) << shorter.err;
-  EXPECT_EQ(command("retention set " + entry_ + "--for 9223372036854775807s").status, cli::kFailed);
+  expect(cli::kLockInForce, "retention set " + entry_ + "--for 89d",
+         "ends at " + cli::utc_time(lock));
+  expect(cli::kFailed, "retention set " + entry_ + "--for 9223372036854775807s");
 }
 
 TEST_F(KeepTest, ALockOnADamagedEntryIsNeitherShownNorSet) {
   add_file("img");
   sql("UPDATE po SET crc = 0");
   for (const std::string& how : {"show " + entry_, "set " + entry_ + "--for 1d"}) {
-    const Outcome outcome = command("retention " + how);
-    EXPECT_EQ(outcome.status, cli::kInconsistent);
-    EXPECT_NE(outcome.err.find("damaged: see pocatalog verify"), std::string::npos) << outcome.err;
+    expect(cli::kInconsistent, "retention " + how, "damaged: see pocatalog verify");
   }
 }
 
 TEST_F(KeepTest, AJournalIsAppliedAndWhatWentWrongIsTold) {
   add_file("img");
-  const std::string sound = read(database(image_));
+  const std::string sound = read_file(database(image_));
   const std::string apply = "journal apply " + database(image_) + " " + root_ + "/journal ";
   const std::string a = "INSERT OR REPLACE INTO registry VALUES ('a', 1);\n";
   const std::string b = "INSERT OR REPLACE INTO registry VALUES ('b', 2);\n";
@@ -81,19 +62,17 @@ TEST_F(KeepTest, AJournalIsAppliedAndWhatWentWrongIsTold) {
       {a + "NO SQL;\n", "--dry-run", 3, "in part", ""},
   };
   for (const auto& c : cases) {
-    write(database(image_), sound);
-    write(root_ + "/journal", c.journal);
-    const Outcome outcome = command(apply + c.how);
-    EXPECT_EQ(outcome.status, c.status) << c.journal;
-    EXPECT_NE((outcome.out + outcome.err).find(c.message), std::string::npos) << outcome.err;
+    write_file(database(image_), sound);
+    write_file(root_ + "/journal", c.journal);
+    expect(c.status, apply + c.how, c.message);
     EXPECT_EQ(sql("SELECT ifnull(group_concat(name), '') FROM registry WHERE name < 'd'"),
               c.properties);
   }
   fs::remove(database(image_));
-  EXPECT_NE(command(apply).err.find("there is no such database"), std::string::npos);
+  expect(cli::kFailed, apply, "there is no such database");
   EXPECT_FALSE(fs::exists(database(image_)));
   fs::create_directory(database(image_));
-  EXPECT_NE(command(apply).err.find("is no file"), std::string::npos);
+  expect(cli::kFailed, apply, "is no file");
 }
 
 TEST_F(KeepTest, LogsAreCleanedAndNothingOfACatalogIs) {
@@ -112,23 +91,22 @@ TEST_F(KeepTest, LogsAreCleanedAndNothingOfACatalogIs) {
   const std::string logs = root_ + "/logs/";
   const std::string files[] = {logs + "old", logs + "empty", logs + "below/old", logs + "new"};
   for (const auto& c : cases) {
-    fs::create_directories(logs + "below");
     for (const std::string& file : files) {
-      write(file, file == logs + "empty" ? "" : "x");
+      write_file(file, file == logs + "empty" ? "" : "x");
       if (file != logs + "new") age(file);
     }
-    EXPECT_EQ(command("logs clean " + logs + " " + c.how).status, c.status) << c.how;
+    expect(c.status, "logs clean " + logs + " " + c.how);
     std::string kept;
     for (std::size_t i = 0; i < 4; ++i) kept += fs::exists(files[i]) ? "oebn"[i] : '.';
     EXPECT_EQ(kept, c.kept) << c.how;
   }
-  EXPECT_EQ(command("logs clean / --days 99999 --recursive").status, cli::kUsage);
-  EXPECT_EQ(command("logs clean '' --days 99999").status, cli::kUsage);
+  expect(cli::kUsage, "logs clean / --days 99999 --recursive");
+  expect(cli::kUsage, "logs clean '' --days 99999");
   add_file("img");
   age(database(image_));
   fs::create_directory_symlink(full(image_), root_ + "/link");
   for (const std::string& directory : {full(image_), root_, root_ + "/link", root_ + "/none"}) {
-    EXPECT_EQ(command("logs clean " + directory + " --days 1 --recursive").status, cli::kFailed);
+    expect(cli::kFailed, "logs clean " + directory + " --days 1 --recursive");
   }
   EXPECT_TRUE(fs::exists(database(image_)));
 }
@@ -137,26 +115,16 @@ TEST_F(KeepTest, WhatAUserMayNotReachIsNotTakenForAbsentOrCleaned) {
   add_file("img");
   const std::string logs = root_ + "/logs";
   fs::create_directories(logs + "/below");
-  write(root_ + "/journal", "SELECT 1;");
-  fs::permissions(root_, fs::perms{0755});
+  write_file(root_ + "/journal", "SELECT 1;");
   for (const std::string& directory : {logs + "/below", logs, full("5")}) {
     fs::permissions(directory, fs::perms{directory == full("5") ? 0U : 0555U});
   }
-  const struct {
-    std::string line;
-    int status;
-    const char* message;
-  } cases[] = {
-      {"retention set " + entry_ + "--for 1d", 1, "its directory cannot be reached"},
-      {"journal apply " + database(image_) + " " + root_ + "/journal", 1, "cannot be reached"},
-      {"logs clean " + logs + " --days 5", 3, "/logs: not cleaned"},
-      {"logs clean " + logs + " --days 5 --recursive", 3, "/logs/below: not cleaned"},
-  };
-  for (const auto& c : cases) {
-    const Outcome outcome = as_nobody([&] { return command(c.line); });
-    EXPECT_EQ(outcome.status, c.status) << c.line << outcome.err;
-    EXPECT_NE(outcome.err.find(c.message), std::string::npos) << outcome.err;
-  }
+  as_nobody(temp_.path(), [&] {
+    expect(1, "retention set " + entry_ + "--for 1d", "its directory cannot be reached");
+    expect(1, "journal apply " + database(image_) + " " + root_ + "/journal", "cannot be reached");
+    expect(3, "logs clean " + logs + " --days 5", "/logs: not cleaned");
+    expect(3, "logs clean " + logs + " --days 5 --recursive", "/logs/below: not cleaned");
+  });
   for (const std::string& directory : {logs, full("5")}) {
     fs::permissions(directory, fs::perms{0755});
   }

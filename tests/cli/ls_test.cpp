@@ -1,7 +1,5 @@
-#include <filesystem>
 #include <set>
 
-#include "base/adler32.h"
 #include "cli/cause.h"
 #include "tests/cli/read_fixture.h"
 
@@ -23,12 +21,12 @@ TEST_F(ListTest, FilesAndDirectoriesAreListedInByteOrder) {
   fields.mtime = static_cast<std::uint64_t>(-1);
   add_file("c", fields);
   add_directory(image_ + "/a");
-  EXPECT_EQ(run_command({"ls", root_, image_}).out,
+  EXPECT_EQ(command("ls " + root_ + " " + image_).out,
             "-rws--x--x       0:100         1234                    - ir Z\n"
             "drwxr-xr-x                        0 1970-01-01T00:00:00Z -- a\n"
             "-rw-r--r--       0:100         1234 2023-11-14T22:13:20Z -- b\n"
             "-rw-r--r--       0:100            7 1969-12-31T23:59:59Z -- c\n");
-  EXPECT_EQ(run_command({"--json", "ls", root_, image_ + "/c"}).json().at(0)["mtime"], -1);
+  EXPECT_EQ(command("--json ls " + root_ + " " + image_ + "/c").json().at(0)["mtime"], -1);
 }
 
 // More rows and more damage than a page holds: nothing is left out, listed twice or looked at for
@@ -39,9 +37,8 @@ TEST_F(ListTest, DamagedRowsAreNamedAndDoNotStopThePages) {
       "INTO po SELECT 'row' || i, poid, content, 0 FROM n, po; UPDATE po SET basename = CASE "
       "substr(basename, 4) WHEN '1511' THEN x'61' WHEN '1512' THEN 'row1' || char(0) WHEN '1513' "
       "THEN NULL WHEN '1514' THEN 'a/name' WHEN '1515' THEN '' ELSE basename END");
-  const Outcome outcome = run_command({"ls", "--json", root_, image_});
-  EXPECT_EQ(outcome.status, cli::kInconsistent);
-  EXPECT_NE(outcome.err.find("without a usable name"), std::string::npos);
+  const Outcome outcome =
+      expect(cli::kInconsistent, "ls --json " + root_ + " " + image_, "without a usable name");
   std::set<std::string> names;
   auto lines = outcome.json();
   EXPECT_EQ(lines.back()["problem"], "has rows without a usable name");
@@ -55,50 +52,38 @@ TEST_F(ListTest, DamagedRowsAreNamedAndDoNotStopThePages) {
   EXPECT_EQ(names.size(), lines.size());
 }
 
-TEST_F(ListTest, OfAFileAndADirectoryOfOneNameTheSlashDecides) {
-  add_file("both");
-  add_directory(image_ + "/both");
-  std::filesystem::remove(full(image_) + "/both/__dirpo__");
-  const auto type = [&](const std::string& path) {
-    const auto line = run_command({"show", "--json", root_, path}).json().at(0);
-    return line.at("record").value("type", "") + (line.value("default_record", false) ? "d" : "");
-  };
-  EXPECT_EQ(type(image_ + "/both"), "0");
-  EXPECT_EQ(type(image_ + "/both/"), "1d");
-}
-
 TEST_F(ListTest, WhatIsNotThereOrMakesNoSenseFailsWithALine) {
   add_file("damaged");
   sql("UPDATE po SET crc = 0");
-  std::filesystem::create_directory_symlink(full("5"), full("6"));
-  std::filesystem::create_directory(full(image_) + "/endless");
-  std::filesystem::create_symlink("/dev/zero", full(image_) + "/endless/__dirpo__");
-  struct Case {
-    std::vector<std::string> arguments;
-    int status;
-    std::string text;
-  };
-  const std::vector<Case> cases = {
-      {{"ls", root_, image_ + "/none"}, cli::kFailed, "no such entry"},
-      {{"ls", root_, image_ + "/damaged"}, cli::kInconsistent, "damaged: see"},
-      {{"ls", root_, "6/client"}, cli::kFailed, "no such"},
-      {{"verify", root_ + "/none"}, cli::kFailed, "no such directory"},
-      {{"show", root_, image_ + "/damaged"}, cli::kInconsistent, "damaged: see"},
-      {{"show", root_, image_ + "/endless"}, cli::kInconsistent, "damaged: see"},
-      {{"ls", root_, image_}, cli::kInconsistent, ""},
-      {{"show", root_, "/"}, cli::kUsage, "not a path"},
-      {{"ls", root_, "5/../5"}, cli::kUsage, "not a path"},
-      {{"ls"}, cli::kUsage, "ROOT"},
-      {{"frobnicate"}, cli::kUsage, "frobnicate"},
-      {{}, cli::kUsage, "subcommand"},
-      {{"ls", "--log", root_ + "/none/log", root_}, cli::kFailed, "log file"},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(testing::PrintToString(c.arguments));
-    const Outcome outcome = run_command(c.arguments);
-    EXPECT_EQ(outcome.status, c.status) << outcome.out;
-    EXPECT_NE(outcome.err.find(c.text), std::string::npos) << outcome.err;
+  add_file("both");
+  add_directory(image_ + "/both");
+  fs::remove(full(image_) + "/both/__dirpo__");
+  fs::create_directory_symlink(full("5"), full("6"));
+  fs::create_directory(full(image_) + "/endless");
+  fs::create_symlink("/dev/zero", full(image_) + "/endless/__dirpo__");
+  const std::string in = " " + root_ + " ", image = in + image_, find = "find" + in + "* --";
+  expect(cli::kFailed, "ls" + image + "/none", "no such entry");
+  expect(cli::kInconsistent, "ls" + image + "/damaged", "damaged: see");
+  expect(cli::kInconsistent, "show" + image + "/damaged", "damaged: see");
+  expect(cli::kDone, "show --json" + image + "/both", "\"type\":\"0\"");
+  expect(cli::kDone, "show --json" + image + "/both/", "\"default_record\":true");
+  expect(cli::kInconsistent, "show" + image + "/endless", "damaged: see");
+  expect(cli::kInconsistent, "ls" + image);
+  expect(cli::kFailed, "ls" + in + "6/client", "no such");
+  expect(cli::kFailed, "verify " + root_ + "/none", "no such directory");
+  expect(cli::kFailed, "ls --log " + root_ + "/none/log " + root_, "log file");
+  expect(cli::kUsage, "show" + in + "/", "not a path");
+  expect(cli::kUsage, "ls" + in + "5/../5", "not a path");
+  expect(cli::kUsage, "ls", "ROOT");
+  expect(cli::kUsage, "frobnicate", "frobnicate");
+  expect(cli::kUsage, "", "subcommand");
+  for (const char* condition : {"size <5k", "poid abc", "newer yesterday", "under ../x"}) {
+    expect(cli::kUsage, find + condition);
   }
+  const std::vector<const char*> arguments = {"pocatalog", "ls", root_.c_str()};
+  std::ostream closed(nullptr);
+  std::ostringstream err;
+  EXPECT_EQ(cli::run(3, arguments.data(), closed, err), cli::kFailed) << "it cannot be written";
 }
 
 // SQLite is told before its first use, which is that of the first fixture.
@@ -106,20 +91,13 @@ const bool kWatched = (cli::watch_sqlite(), true);
 
 TEST_F(ListTest, AFailureIsToldWithItsCause) {
   ASSERT_TRUE(kWatched);
-  std::filesystem::create_directory(full(image_) + "/po.db");
-  const Outcome outcome = run_command({"--json", "check", root_});
+  fs::create_directory(database(image_));
+  const Outcome outcome = command("--json check " + root_);
   std::string causes;
   for (const auto& line : outcome.json()) causes += line.value("cause", "");
   for (const std::string& told : {causes, outcome.err}) {
     EXPECT_NE(told.find("po.db): Is a directory"), std::string::npos) << outcome.err;
   }
-}
-
-TEST_F(ListTest, OutputThatCannotBeWrittenIsAFailure) {
-  std::ostringstream err;
-  std::ostream closed(nullptr);
-  const std::vector<const char*> argv = {"pocatalog", "ls", root_.c_str()};
-  EXPECT_EQ(cli::run(3, argv.data(), closed, err), cli::kFailed);
 }
 
 TEST(Printable, NoTwoNamesLookAlikeAndNoControlByteIsLeft) {

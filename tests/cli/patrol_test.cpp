@@ -1,16 +1,14 @@
 #include <signal.h>
 #include <sys/prctl.h>
 
-#include <functional>
-
 #include "cli/format.h"
 #include "cli/patrol_log.h"
-#include "tests/cli/keep_fixture.h"
+#include "tests/cli/read_fixture.h"
+#include "tests/support/child_process.h"
 #include "tests/support/private_mounts.h"
 
 namespace {
 
-namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
 // Patrols are processes of their own: it takes real time until they have done something.
@@ -38,24 +36,26 @@ class PatrolTest : public KeepTest {
   // What the process that was called prints and returns.
   Outcome start() const {
     std::fflush(nullptr);
-    const pid_t starter = fork();
-    if (starter == 0) {
+    const int ended = end_of(start_child([this] {
       const pid_t called = getpid();
       const Outcome outcome =
           command("patrol " + root_ + " --every 6h --log-dir " + logs_ + " --metrics " + metrics_);
-      if (getpid() == called) write(side_.path("printed"), outcome.err);  // not in the daemon
-      _exit(outcome.status);
-    }
-    int status = -1;
-    waitpid(starter, &status, 0);
-    return {WEXITSTATUS(status), "", read(side_.path("printed"))};
+      if (getpid() == called) write_file(temp_.path("printed"), outcome.err);  // not in the daemon
+      return outcome.status;
+    }));
+    return {WEXITSTATUS(ended), "", read_file(temp_.path("printed"))};
   }
   // Starts a patrol and waits for its first round; its pid.
   pid_t started() const {
     fs::remove(metrics_);
     EXPECT_EQ(start().status, cli::kDone);
     EXPECT_TRUE(comes_true([&] { return metric("rounds_total") == 1; })) << log();
-    return std::stoi(read("/var/run/" + cli::patrol_name(root_) + ".pid"));
+    return std::stoi(read_file("/var/run/" + cli::patrol_name(root_) + ".pid"));
+  }
+  void expect_refused(const std::string& why) const {
+    const Outcome outcome = start();
+    EXPECT_EQ(outcome.status, cli::kFailed);
+    EXPECT_NE(outcome.err.find(why), std::string::npos) << outcome.err;
   }
   // Its exit status, -1 when the signal killed it; within a second.
   static int end(pid_t pid, int signal) {
@@ -69,19 +69,18 @@ class PatrolTest : public KeepTest {
 
   // -1 while there is none.
   double metric(const std::string& name) const {
-    const std::string text = read(metrics_);
+    const std::string text = read_file(metrics_);
     const std::string head = "\npocatalog_patrol_" + name + "{root=\"" + root_ + "\"} ";
     const std::size_t found = text.find(head);
     return found == std::string::npos ? -1 : std::stod(text.substr(found + head.size()));
   }
   std::string log() const {
     std::string text;
-    for (const auto& file : fs::directory_iterator(logs_)) text += read(file.path().string());
+    for (const auto& file : fs::directory_iterator(logs_)) text += read_file(file.path().string());
     return text;
   }
-  const TempDir side_;
-  const std::string logs_ = side_.path("logs");
-  const std::string metrics_ = side_.path("patrol.prom");
+  const std::string logs_ = temp_.path("logs");
+  const std::string metrics_ = temp_.path("patrol.prom");
 };
 
 TEST_F(PatrolTest, WatchesWhileAnIngestRunsAndFindsWhatChangedByTheNextRound) {
@@ -89,12 +88,9 @@ TEST_F(PatrolTest, WatchesWhileAnIngestRunsAndFindsWhatChangedByTheNextRound) {
     const pid_t pid = started();
     EXPECT_EQ(metric("rows"), 20);
     for (int round = 0; round < 5; ++round) {
-      const std::string source = side_.path("source/" + std::to_string(round));
-      fs::create_directories(source);
-      for (int i = 0; i < 200; ++i) write(source + "/" + std::to_string(i), "x");
+      for (int i = 0; i < 200; ++i) write(std::to_string(round) + "/" + std::to_string(i), "x");
       kill(pid, SIGHUP);
-      const Outcome ingest = command(ingest_of(side_.path("source")));
-      EXPECT_EQ(ingest.status, cli::kDone) << ingest.err;
+      ingest(cli::kDone);
     }
     kill(pid, SIGHUP);
     EXPECT_TRUE(comes_true([&] { return metric("rows") >= 1020; })) << log();
@@ -111,9 +107,7 @@ TEST_F(PatrolTest, IsOneForEachCatalogAndLeavesItsLockHoweverItEnds) {
   among_daemons([this] {
     for (const int signal : {SIGKILL, SIGTERM, SIGINT}) {
       const pid_t pid = started();
-      const Outcome second = start();
-      EXPECT_EQ(second.status, cli::kFailed);
-      EXPECT_NE(second.err.find("PID = " + std::to_string(pid)), std::string::npos) << second.err;
+      expect_refused("PID = " + std::to_string(pid));
       EXPECT_EQ(end(pid, signal), signal == SIGKILL ? -1 : cli::kDone);
     }
   });
@@ -121,23 +115,17 @@ TEST_F(PatrolTest, IsOneForEachCatalogAndLeavesItsLockHoweverItEnds) {
 
 TEST_F(PatrolTest, TellsTheOneWhoCallsWhyItDoesNotStart) {
   among_daemons([this] {
-    const auto refused = [this](const char* why) {
-      const Outcome outcome = start();
-      EXPECT_EQ(outcome.status, cli::kFailed);
-      EXPECT_NE(outcome.err.find(why), std::string::npos) << outcome.err;
-      EXPECT_FALSE(fs::is_regular_file(metrics_));
-    };
     fs::create_directory(metrics_);
-    refused("is a directory");
+    expect_refused("is a directory");
     fs::remove(metrics_);
     const std::string today =
         cli::utc_time(static_cast<std::uint64_t>(time(nullptr))).substr(0, 10);
     const std::string file = logs_ + "/" + cli::patrol_name(root_) + "-" + today + ".log";
     fs::create_directory(file);
-    refused("the log cannot be written");
+    expect_refused("the log cannot be written");
     fs::remove(file);
     ASSERT_EQ(mount(nullptr, "/var/run", nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
-    refused("cannot take its lock");
+    expect_refused("cannot take its lock");
   });
 }
 
@@ -146,7 +134,7 @@ TEST_F(PatrolTest, RemovesItsOwnOldLogsOnly) {
     const std::string own = logs_ + "/" + cli::patrol_name(root_) + "-2026-01-02.log";
     const std::string others = logs_ + "/" + cli::patrol_name("/other") + "-2026-01-02.log";
     for (const std::string& file : {own, others}) {
-      write(file, "line");
+      write_file(file, "line");
       age(file);
     }
     const pid_t pid = started();

@@ -1,11 +1,7 @@
-#include <functional>
-
 #include "podb/retention.h"
-#include "tests/cli/keep_fixture.h"
+#include "tests/cli/read_fixture.h"
 
 namespace {
-
-constexpr const char* kUpdate = "UPDATE po SET poid = 'changed';";
 
 struct State {
   const char* name;
@@ -25,14 +21,13 @@ const State kStates[] = {
 class ProtectionTest : public KeepTest {
  protected:
   ProtectionTest() {
-    std::filesystem::create_directories(source_.path("new"));
-    std::filesystem::create_directories(source_.path("none"));
-    write(source_.path("new/img"), "content");
-    write(root_ + "/journal", kUpdate);
+    write("new/img", "content");
+    fs::create_directory(source_ + "/none");
+    write_file(journal_, "UPDATE po SET poid = 'changed';");
   }
 
   void store(const State& state) {
-    std::filesystem::remove(database(image_));
+    fs::remove(database(image_));
     refhost::RecordFields fields = file_fields("img", make_poid(1), 7);
     const std::int64_t now = time(nullptr);
     fields.special_flags = state.flags;
@@ -53,28 +48,27 @@ class ProtectionTest : public KeepTest {
     std::vector<PO*> removed;
     std::vector<PO*> with_containers;
     SQLitePODB db(root_, full(image_));
-    const unsigned int status = entry.update(&db, counters, removed, with_containers, action);
-    if (status != 0) return -1;  // nothing in `removed` may be touched
-    for (PO* old : removed) const std::unique_ptr<PO> owned(old);
+    entry.update(&db, counters, removed, with_containers, action);
+    for (const PO* old : removed) delete old;
     return -1;
   }
   int lock(unsigned long flags, long period) {
     SQLitePODB(root_, full(image_)).set_retention("img", flags, period);
     return -1;
   }
+  static int status(const std::string& line) { return command(line).status; }
   int set(const std::string& how) const {
-    return command("retention set " + entry_ + "--for " + how).status;
+    return status("retention set " + entry_ + "--for " + how);
   }
   int ingest(const std::string& source) const {
-    return command(ingest_of(source_.path(source)) + "--delete").status;
+    return status(ingest_of(source_ + "/" + source) + "--delete");
   }
   int journal(const std::string& how, const std::string& file = "po.db") const {
-    return command("journal apply " + full(image_) + "/" + file + " " + root_ + "/journal " + how)
-        .status;
+    return status("journal apply " + full(image_) + "/" + file + " " + journal_ + " " + how);
   }
-  int rm() const { return command("rm " + entry_).status; }
+  int rm() const { return status("rm " + entry_); }
 
-  const TempDir source_;
+  const std::string journal_ = temp_.path("journal");
 };
 
 TEST_F(ProtectionTest, TheLibraryChangesWhatItMayAndTheCommandLeavesProtectedEntriesAlone) {
@@ -118,7 +112,7 @@ TEST_F(ProtectionTest, TheLibraryChangesWhatItMayAndTheCommandLeavesProtectedEnt
 
 TEST_F(ProtectionTest, WithoutAClockEveryLockCounts) {
   store(kStates[3]);
-  clock_is_readable = false;
+  hooks.clock = false;
   const std::string before = stored();
   EXPECT_EQ(rm(), cli::kFailed);
   EXPECT_EQ(ingest("new"), cli::kIncomplete);
@@ -130,7 +124,8 @@ TEST_F(ProtectionTest, WithoutAClockEveryLockCounts) {
 
 TEST_F(ProtectionTest, AJournalIsRefusedBesideEntriesThatNeedTheirListsAndOnDamagedOnes) {
   store(kStates[2]);
-  sql("ATTACH '" + full(image_) + "/ul.db' AS u; CREATE TABLE u.po (poid TEXT)");
+  write_file(lists(), "");
+  raw_sql(lists(), "CREATE TABLE po (poid TEXT)");
   EXPECT_EQ(journal("", "ul.db"), cli::kFailed);
   store(kStates[0]);
   EXPECT_EQ(journal("", "ul.db"), cli::kDone);

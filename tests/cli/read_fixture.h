@@ -1,24 +1,38 @@
-// A catalog made by the library, and the command run on it in this process.
+// A catalog and a tree to ingest, the command run on them in this process, and a look at both past
+// the library.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <sqlite3.h>
+#include <unistd.h>
 
-#include <memory>
+#include <functional>
 #include <nlohmann/json.hpp>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "cli/catalog.h"
 #include "cli/command.h"
+#include "cli/dsinfo.h"
 #include "cli/run.h"
 #include "po/dir_po.h"
 #include "po/file_po.h"
 #include "podb/sqlite_podb.h"
 #include "refhost/control.h"
+#include "tests/support/files.h"
+#include "tests/support/raw_database.h"
 #include "tests/support/records.h"
 #include "tests/support/temp_dir.h"
+
+namespace fs = std::filesystem;
+
+// What is done in the middle of a command, where hooks.cpp is among a program's sources.
+struct Hooks {
+  std::function<bool(const _po_t*)> record;    // each that is stored; true: too long for a row
+  std::function<int(const std::string&)> sql;  // before it runs; a code other than 0 instead of it
+  std::function<void()> lock;                  // before a lock is waited for, once
+  bool clock = false;                          // there is a compliance clock: the system's
+};
+inline Hooks hooks;
 
 struct Outcome {
   int status;
@@ -47,21 +61,61 @@ inline Outcome run_command(std::vector<std::string> arguments) {
   return {status, out.str(), err.str()};
 }
 
-// The image 5/client/policy, whose directory exists.
-class CatalogTest : public testing::Test {
- protected:
-  const TempDir temp_;
-  const std::string root_ = temp_.path();
-  const std::string image_ = "5/client/policy";
+// Arguments have blanks between them, but for those in `more`; '' is an empty one.
+inline Outcome command(const std::string& line, const std::vector<std::string>& more = {}) {
+  std::vector<std::string> arguments;
+  std::istringstream words(line);
+  for (std::string word; words >> word;) arguments.push_back(word == "''" ? "" : word);
+  arguments.insert(arguments.end(), more.begin(), more.end());
+  return run_command(arguments);
+}
 
-  CatalogTest() {
-    refhost::log_to_sink([](const refhost::LogLine&) {});
-    add_directory(image_);
+// The command ends with this status and says this.
+inline Outcome expect(int status, const std::string& line, const std::string& told = "") {
+  Outcome outcome = command(line);
+  const std::string all = outcome.out + outcome.err;
+  EXPECT_EQ(outcome.status, status) << line << ": " << all;
+  EXPECT_NE(all.find(told), std::string::npos) << line << ": not \"" << told << "\" but " << all;
+  return outcome;
+}
+
+// Runs `act` where the permissions of files count, also when the tests run as root. What is in the
+// directory becomes its user's.
+inline void as_nobody(const std::string& directory, const std::function<void()>& act) {
+  constexpr uid_t kNobody = 65534;
+  const bool root = geteuid() == 0;
+  EXPECT_EQ(root ? lchown(directory.c_str(), kNobody, kNobody) : 0, 0);
+  for (const auto& entry : fs::recursive_directory_iterator(directory)) {
+    EXPECT_EQ(root ? lchown(entry.path().c_str(), kNobody, kNobody) : 0, 0);
   }
-  void TearDown() override { refhost::log_to_stderr(); }
+  EXPECT_EQ(root ? setresuid(kNobody, kNobody, 0) : 0, 0);
+  act();
+  EXPECT_EQ(root ? setresuid(0, 0, 0) : 0, 0);
+}
+
+class CommandTest : public testing::Test {
+ protected:
+  using Counters = std::vector<std::uint64_t>;
+  using Names = std::vector<std::string>;
+
+  const TempDir temp_;
+  const std::string root_ = temp_.path("catalog");
+  const std::string source_ = temp_.path("source");
+  const std::string image_ = "5/client/policy";
+  std::string err_;  // of the last ingest
+
+  CommandTest() {
+    refhost::log_to_sink([](const refhost::LogLine&) {});
+    fs::create_directory(source_);
+  }
+  void TearDown() override {
+    refhost::log_to_stderr();
+    hooks = {};
+  }
 
   std::string full(const std::string& inner) const { return root_ + "/" + inner; }
   std::string database(const std::string& inner) const { return full(inner) + "/po.db"; }
+  std::string lists() const { return full(image_) + "/ul.db"; }
 
   void add_directory(const std::string& inner, std::uint32_t special_flags = 0) {
     DirPO entry(root_, full(inner), 5);
@@ -72,7 +126,6 @@ class CatalogTest : public testing::Test {
     ASSERT_EQ(refhost::set_fields(entry.record(), fields), 0);
     ASSERT_EQ(entry.save(full(inner)), 0U);
   }
-
   // Stores a row in the image's directory; `fields` need no location.
   void add_file(const std::string& name, refhost::RecordFields fields = file_fields("x")) {
     fields.directory = "/client/policy";
@@ -83,20 +136,70 @@ class CatalogTest : public testing::Test {
     ASSERT_EQ(entry.save(&db, full(image_) + "/" + name), 0U);
   }
 
-  // Runs SQL on the image's database, past the library; the first value of the last row.
-  std::string sql(const std::string& statements) {
-    sqlite3* db = nullptr;
-    EXPECT_EQ(sqlite3_open(database(image_).c_str(), &db), SQLITE_OK);
-    const std::unique_ptr<sqlite3, decltype(&sqlite3_close)> closed(db, &sqlite3_close);
-    std::string value;
-    const auto keep = [](void* out, int, char** values, char**) {
-      *static_cast<std::string*>(out) = values[0] == nullptr ? "NULL" : values[0];
-      return 0;
-    };
-    EXPECT_EQ(sqlite3_exec(db, statements.c_str(), keep, &value, nullptr), SQLITE_OK)
-        << statements << ": " << sqlite3_errmsg(db);
-    return value;
+  // Runs SQL on the database of a directory of the image, past the library.
+  RawRows rows(const std::string& below, const std::string& statements) const {
+    return raw_sql(database(image_ + below), statements);
+  }
+  // The first value of the last row.
+  std::string sql(const std::string& statements) const {
+    const RawRows found = rows("", statements);
+    return found.empty() ? "" : found.back().front();
+  }
+  Names names(const std::string& below = "") const {
+    Names found;
+    for (const auto& row : rows(below, "SELECT basename FROM po ORDER BY basename")) {
+      found.push_back(row[0]);
+    }
+    return found;
+  }
+  // Total size, directories, files and open runs.
+  Counters counters() const {
+    cli::DsInfo info;
+    if (cli::read_dsinfo(root_, 5, &info) != CR_STATUS_OK) return {};
+    return {info.counters.total_size, info.counters.dir_count, info.counters.file_count,
+            info.open_runs};
   }
 
-  Outcome verify() const { return run_command({"--json", "verify", root_}); }
+  // In the tree to ingest.
+  void write(const std::string& name, const std::string& content) const {
+    write_file(source_ + "/" + name, content);
+  }
+  std::string ingest_of(const std::string& source) const {
+    return "ingest " + source + " --root " + root_ + " --dsid 5 --client client --policy policy ";
+  }
+  Outcome run(const std::string& options = "") {
+    Outcome outcome = command("--json " + ingest_of(source_) + options);
+    err_ = outcome.err;
+    return outcome;
+  }
+  // Runs and returns what was added, replaced, unchanged, removed and not done.
+  Counters ingest(int status, const std::string& options = "") {
+    const Outcome outcome = run(options);
+    EXPECT_EQ(outcome.status, status) << outcome.err;
+    for (const auto& line : outcome.json()) {  // among the problems
+      if (!line.contains("added")) continue;
+      return {line["added"], line["replaced"], line["unchanged"], line["removed"],
+              line["not_done"]};
+    }
+    return {};
+  }
+  void expect_sound() const { expect(cli::kDone, "verify " + root_); }
+};
+
+// Where the image's directory exists.
+class CatalogTest : public CommandTest {
+ protected:
+  CatalogTest() { add_directory(image_); }
+};
+
+// Where the compliance clock is in the test's hand.
+class KeepTest : public CatalogTest {
+ protected:
+  KeepTest() { hooks.clock = true; }
+
+  static void age(const std::string& path) {
+    fs::last_write_time(path, fs::file_time_type::clock::now() - std::chrono::hours(24 * 40));
+  }
+
+  const std::string entry_ = root_ + " " + image_ + "/img ";
 };

@@ -1,12 +1,7 @@
-#include <fcntl.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <filesystem>
-#include <fstream>
-#include <functional>
+#include <algorithm>
 
 #include "tests/cli/read_fixture.h"
+#include "tests/support/child_process.h"
 
 namespace {
 
@@ -16,34 +11,42 @@ class VerifyTest : public CatalogTest {
     add_file("alpha");
     add_file("beta", file_fields("", make_poid(1), 1000));
     add_file("gamma");
+    sound_ = read_file(file_);
   }
 
-  static std::string read(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-  }
-  static void write(const std::string& path, const std::string& content) {
-    std::ofstream(path, std::ios::binary) << content;
-  }
+  Outcome verify() const { return run_command({"--json", "verify", root_}); }
 
   // Exactly one finding, about this row or file, for this reason.
-  static void expect_one_finding(const Outcome& outcome, const std::string& key,
-                                 const std::string& value, const std::string& reason) {
+  void expect_one_finding(const std::string& key, const std::string& value,
+                          const std::string& reason) const {
+    const Outcome outcome = verify();
     EXPECT_EQ(outcome.status, cli::kInconsistent);
     const auto lines = outcome.json();
-    ASSERT_EQ(lines.size(), 2U) << outcome.out;
+    ASSERT_EQ(lines.size(), 2U) << reason << ": " << outcome.out;
     EXPECT_EQ(lines[0].value(key, ""), value) << outcome.out;
     EXPECT_NE(lines[0].value("reason", "").find(reason), std::string::npos) << outcome.out;
   }
+
+  const std::string file_ = database(image_);
+  std::string sound_;
 };
 
 TEST_F(VerifyTest, EveryKindOfDamageToARowIsNamed) {
-  struct Case {
-    std::string change;
-    std::string reason;
-    std::string name = "beta";
+  // Under a checksum that is right.
+  const auto covered = [](const std::string& poid, const std::string& content) {
+    const auto crc = SQLitePODB::calculate_crc("beta", poid.c_str(), content.c_str());
+    return "poid = '" + poid + "', content = '" + content + "', crc = " + std::to_string(crc);
   };
-  const std::vector<Case> cases = {
+  refhost::RecordFields fields = file_fields("", make_poid(1), 7, "");
+  const std::string sound = text_of(fields);
+  fields.dsid = 5;
+  const std::string placed = text_of(fields);
+  fields = dir_fields("", "");
+  fields.poid = make_poid(1);
+  const std::string directory = text_of(fields);
+  const struct {
+    std::string change, reason, name = "beta";
+  } cases[] = {
       {"poid = NULL", "poid is NULL"},
       {"content = NULL", "content is NULL"},
       {"crc = NULL", "crc is NULL"},
@@ -62,110 +65,77 @@ TEST_F(VerifyTest, EveryKindOfDamageToARowIsNamed) {
       {"basename = '..'", "no name of a file", ".."},
       {"rowid = 9223372036854775807, poid = ''", "the checksum is"},
       {"rowid = -9223372036854775807, poid = ''", "the checksum is"},
+      {covered(make_poid(1), placed), "holds a location"},
+      {covered(make_poid(1), directory), "type is 1, not 0"},
+      {covered("no poid", text_of(file_fields("", "no poid", 7, ""))), "POID is not valid"},
+      {covered(make_poid(2), sound), "poid is not that of the record"},
+      {covered(make_poid(1), sound + "|"), "does not parse"},
   };
-  const std::string sound = read(database(image_));
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.change);
-    write(database(image_), sound);
+    write_file(file_, sound_);
     sql("UPDATE po SET " + c.change + " WHERE basename = 'beta'");
-    expect_one_finding(verify(), "row", c.name, c.reason);
-  }
-}
-
-TEST_F(VerifyTest, ARecordThatItsChecksumCoversIsStillExamined) {
-  refhost::RecordFields other = file_fields("", make_poid(1), 7);
-  other.directory = "";
-  refhost::RecordFields placed = other;
-  placed.dsid = 5;
-  refhost::RecordFields directory = other;
-  directory.type = PO_TYPE_DIR;
-  refhost::RecordFields bad_poid = other;
-  bad_poid.poid = "not a poid";
-  struct Case {
-    std::string poid;
-    std::string content;
-    std::string reason;
-  };
-  const std::vector<Case> cases = {
-      {make_poid(1), text_of(placed), "holds a location"},
-      {make_poid(1), text_of(directory), "type is 1, not 0"},
-      {"not a poid", text_of(bad_poid), "POID is not valid"},
-      {make_poid(2), text_of(other), "poid is not that of the record"},
-      {make_poid(1), text_of(other) + "|", "does not parse"},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.reason);
-    const auto crc = SQLitePODB::calculate_crc("beta", c.poid.c_str(), c.content.c_str());
-    sql("UPDATE po SET poid = '" + c.poid + "', content = '" + c.content +
-        "', crc = " + std::to_string(crc) + " WHERE basename = 'beta'");
-    expect_one_finding(verify(), "row", "beta", c.reason);
+    expect_one_finding("row", c.name, c.reason);
   }
 }
 
 TEST_F(VerifyTest, EveryChangedByteOfTheFileThatHoldsARowIsFound) {
-  const std::string sound = read(database(image_));
-  const std::size_t poid = sound.find("beta" + make_poid(1));
+  const std::size_t poid = sound_.find("beta" + make_poid(1));
   ASSERT_NE(poid, std::string::npos);
-  const std::size_t end = sound.find("|64|0|0", poid) + 7 + 4;  // the checksum follows
+  const std::size_t end = sound_.find("|64|0|0", poid) + 7 + 4;  // the checksum follows
   for (std::size_t at = poid - 9; at < end; ++at) {  // length, rowid and the columns' types first
-    std::string damaged = sound;
+    std::string damaged = sound_;
     damaged[at] = static_cast<char>(damaged[at] ^ 0x10);
-    write(database(image_), damaged);
+    write_file(file_, damaged);
     EXPECT_EQ(verify().status, cli::kInconsistent) << "byte " << at - poid;
   }
 }
 
 TEST_F(VerifyTest, DamageToTheDatabaseIsOneFindingAndTheOtherDatabasesAreStillChecked) {
-  const std::string sound = read(database(image_));
-  const std::string next = image_ + "/zz";
-  const auto replaced = [&](const std::string& content) {
-    return [=] { write(database(image_), content); };
-  };
-  const auto changed = [&](const char* statements) { return [=] { sql(statements); }; };
-  const std::vector<std::pair<std::function<void()>, std::string>> cases = {
-      {replaced(""), "is empty"},
-      {replaced(std::string(5000, 'x')), "not a database"},
-      {replaced(sound.substr(0, sound.size() / 2)), "malformed"},
-      {replaced(sound.substr(0, 50)), "malformed"},
-      {[&] {
-         std::filesystem::remove(database(image_));
-         std::filesystem::create_symlink("/etc/passwd", database(image_));
-       },
-       "regular file"},
-      {changed("DELETE FROM registry"), "db_version is missing"},
-      {changed("UPDATE registry SET value = '2'"), "db_version is 2"},
-      {changed("UPDATE registry SET value = x'31'"), "not a text"},
-      {changed("DROP INDEX po_poid"), "index po_poid is missing"},
-      {changed("DROP INDEX po_poid; CREATE INDEX po_poid ON po(crc)"), "defined differently"},
-      {changed("PRAGMA writable_schema = ON; "
-               "UPDATE sqlite_master SET tbl_name = 'REGISTRY' WHERE name = 'registry'"),
-       "table registry is defined differently"},
-      {changed("CREATE TRIGGER t DELETE ON po BEGIN SELECT 1; END"), "trigger t does not belong"},
-      {changed("DROP TABLE po"), "table po is missing"},
-      {changed("DROP TABLE po; CREATE VIEW po AS SELECT 1 AS basename"), "view po"},
-  };
-  add_directory(next);
-  write(full(next) + "/po.db", "");  // the finding that must always be there, too
-  for (const auto& [damage, reason] : cases) {
-    std::filesystem::remove(database(image_));
-    write(database(image_), sound);
-    damage();
-    const Outcome outcome = verify();
-    EXPECT_EQ(outcome.status, cli::kInconsistent);
-    EXPECT_NE(outcome.out.find(reason), std::string::npos) << outcome.out;
+  write_file(database(image_ + "/zz"), "");  // the finding that must always be there, too
+  const auto expect_finding = [&](const std::string& reason) {
+    const Outcome outcome = expect(cli::kInconsistent, "verify " + root_, reason);
     EXPECT_NE(outcome.out.find("policy/zz/po.db"), std::string::npos) << outcome.out;
+    fs::remove(file_);
+    write_file(file_, sound_);
+  };
+  const std::vector<std::pair<std::string, std::string>> contents = {
+      {"", "is empty"},
+      {std::string(5000, 'x'), "not a database"},
+      {sound_.substr(0, sound_.size() / 2), "malformed"},
+      {sound_.substr(0, 50), "malformed"}};
+  for (const auto& [content, reason] : contents) {
+    write_file(file_, content);
+    expect_finding(reason);
   }
+  const std::pair<const char*, const char*> changes[] = {
+      {"DELETE FROM registry", "db_version is missing"},
+      {"UPDATE registry SET value = '2'", "db_version is 2"},
+      {"UPDATE registry SET value = x'31'", "not a text"},
+      {"DROP INDEX po_poid", "index po_poid is missing"},
+      {"DROP INDEX po_poid; CREATE INDEX po_poid ON po(crc)", "defined differently"},
+      {"PRAGMA writable_schema = ON; UPDATE sqlite_master SET tbl_name = 'REGISTRY' WHERE name = "
+       "'registry'",
+       "table registry is defined differently"},
+      {"CREATE TRIGGER t DELETE ON po BEGIN SELECT 1; END", "trigger t does not belong"},
+      {"DROP TABLE po", "table po is missing"},
+      {"DROP TABLE po; CREATE VIEW po AS SELECT 1 AS basename", "view po"},
+  };
+  for (const auto& [change, reason] : changes) {
+    sql(change);
+    expect_finding(reason);
+  }
+  fs::remove(file_);
+  fs::create_symlink("/etc/passwd", file_);
+  expect_finding("regular file");
 }
 
 TEST_F(VerifyTest, DirectoriesAreExaminedToo) {
   const std::string record = full(image_) + "/__dirpo__";
-  const std::string sound = read(record);
-  struct Case {
-    std::string file;  // what the finding names
-    std::string content;
-    std::string reason;
-  };
-  const std::vector<Case> cases = {
+  const std::string sound = read_file(record);
+  const struct {
+    std::string file, content, reason;
+  } cases[] = {
       {record, sound + "\n", "does not parse"},
       {record, sound + std::string(1, '\0'), "NUL"},
       {record, text_of(file_fields("", "", 0, "")), "type is 0"},
@@ -177,37 +147,31 @@ TEST_F(VerifyTest, DirectoriesAreExaminedToo) {
       {full("5") + "/__dsinfo__", "x", "does not parse"},
       {full("notes.txt"), "x", "no data store"},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.file + ": " + c.reason);
-    write(c.file, c.content);
-    expect_one_finding(verify(), "file", c.file, c.reason);
-    std::filesystem::remove(c.file);
-    if (c.file != record) continue;
-    expect_one_finding(verify(), "file", record, "is missing");
-    write(record, sound);
+    write_file(c.file, c.content);
+    expect_one_finding("file", c.file, c.reason);
+    c.file == record ? write_file(record, sound) : void(fs::remove(c.file));
   }
-  std::filesystem::remove(record);
-  std::filesystem::create_symlink("/dev/zero", record);
-  expect_one_finding(verify(), "file", record, "regular file");
+  fs::remove(record);
+  expect_one_finding("file", record, "is missing");
+  fs::create_symlink("/dev/zero", record);
+  expect_one_finding("file", record, "regular file");
 }
 
 TEST_F(VerifyTest, WhatACrashLeftHalfWrittenIsRolledBack) {
-  const pid_t child = fork();
-  if (child == 0) {
+  const int ended = end_of(start_child([this] {
     sqlite3* db = nullptr;
-    sqlite3_open(database(image_).c_str(), &db);
-    const int code = sqlite3_exec(
+    sqlite3_open(file_.c_str(), &db);
+    return sqlite3_exec(
         db,
         "PRAGMA cache_size = 1; BEGIN; WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1"
         " FROM n WHERE i < 5000) INSERT INTO po SELECT 'row' || i, '', 'x', 0 FROM n",
         nullptr, nullptr, nullptr);
-    _exit(code);
-  }
-  int ended = 0;
-  ASSERT_EQ(waitpid(child, &ended, 0), child);
+  }));
   ASSERT_EQ(ended, 0);
-  ASSERT_TRUE(std::filesystem::exists(database(image_) + "-journal"));
-  EXPECT_EQ(verify().status, cli::kDone) << verify().out;
+  ASSERT_TRUE(fs::exists(file_ + "-journal"));
+  expect_sound();
 }
 
 }  // namespace
