@@ -54,6 +54,7 @@ struct TestDb : sqlitedb::sqlite3_wrapper {
   using sqlite3_wrapper::on_db_error;
   using sqlite3_wrapper::opened;
   using sqlite3_wrapper::sqlite3_wrapper;
+  TestDb(const std::string& path, int longest) : sqlite3_wrapper(path, longest) {}
 
   cr_status_t on_db_createtable() override { return schema(); }
   int on_db_callback(void* arg, int ncols, char** values, char** names) override {
@@ -256,6 +257,23 @@ TEST_F(Connection, hands_over_rows_when_asked_and_lets_their_exceptions_out) {
   EXPECT_TRUE(sleep.sleeps().empty()) << "a statement was left over";
   EXPECT_EQ(db.exec("SELECT 1", nullptr), CR_STATUS_NOT_FOUND);
   log.expect_error(CR_STATUS_NOT_FOUND, file + " is not opened.");
+}
+
+TEST_F(Connection, is_durable_and_limited_each_time_it_is_opened) {
+  open_with_rows();
+  TestDb other(file);
+  EXPECT_EQ(other.open_db() + other.exec("BEGIN EXCLUSIVE", nullptr), CR_STATUS_OK);
+  EXPECT_EQ(db.close_db(0) + db.open_db(), CR_STATUS_OK);
+  EXPECT_EQ(db.exec("DELETE FROM t", nullptr), CR_STATUS_BUSY);
+  EXPECT_EQ(other.close_db(0) + db.exec("DELETE FROM t", nullptr), CR_STATUS_OK);
+  EXPECT_TRUE(db.run_pragma("PRAGMA synchronous", "3", nullptr));
+  EXPECT_EQ(db.begin_transaction() + db.open_db(), CR_STATUS_OK);
+  EXPECT_TRUE(db.in_transaction()) << "open already";
+  TestDb limited(dir.path("b.db"), 1000);
+  EXPECT_EQ(limited.open_db() + limited.exec("SELECT zeroblob(999)", nullptr), CR_STATUS_OK);
+  EXPECT_EQ(sqlitedb::sqlite3_wrapper(dir.path("c.db")).init_db(), CR_STATUS_OK);
+  EXPECT_EQ(limited.exec("SELECT zeroblob(1001)", nullptr), CR_STATUS_FAILED);
+  log.clear();
 }
 
 TEST_F(Connection, cuts_statements_beyond_1024_bytes_in_log_lines) {
