@@ -92,9 +92,9 @@ class Listing {
 
   void print_subdirectory(const std::string& name) {
     std::unique_ptr<DirPO> entry;
-    if (read_directory(directory_.child(name), &entry) == CR_STATUS_OK) {
-      return print_entry(console_, name, entry->record());
-    }
+    const cr_status_t status = read_directory(directory_.child(name), &entry);
+    if (status == CR_STATUS_OK) return print_entry(console_, name, entry->record());
+    if (status == CR_STATUS_NOT_FOUND) return;  // removed meanwhile
     print_damaged(console_, name);
     damaged_ = true;
   }

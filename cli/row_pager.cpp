@@ -2,6 +2,8 @@
 
 #include <sys/stat.h>
 
+#include <chrono>
+#include <thread>
 #include <unordered_map>
 #include <utility>
 
@@ -13,6 +15,24 @@ namespace {
 constexpr unsigned long kPage = 512;
 
 std::string quoted(const std::string& name) { return "'" + base::sql_escaped(name) + "'"; }
+
+// Shows the statements of its scope one state of the database: a row that goes between two of them
+// would look damaged.
+class Snapshot {
+ public:
+  explicit Snapshot(SQLitePODB& db) : db_(db), status_(db.exec_sql("BEGIN", nullptr)) {}
+  Snapshot(const Snapshot&) = delete;
+  Snapshot& operator=(const Snapshot&) = delete;
+  ~Snapshot() {
+    if (status_ == CR_STATUS_OK) db_.exec_sql("ROLLBACK", nullptr);  // nothing was written
+  }
+
+  cr_status_t status() const { return status_; }
+
+ private:
+  SQLitePODB& db_;
+  const cr_status_t status_;
+};
 
 using Entries = std::unordered_map<std::string, boost::intrusive_ptr<PO>>;
 
@@ -50,17 +70,28 @@ bool RowPager::fill() {
   return !page_.empty();
 }
 
-// The library takes a database that it cannot look at for an empty one.
+// The library takes a database that it cannot look at for an empty one. One that is just being made
+// or removed cannot be used for a moment.
 cr_status_t RowPager::look() {
-  struct stat found = {};
-  if (lstat(db_.get_dbfile_path().c_str(), &found) != 0) return status_of_errno("lstat");
-  return db_.check_db_existence(false);
+  constexpr int kMostLooks = 25;
+  constexpr std::chrono::milliseconds kBetweenLooks(20);
+  cr_status_t status = CR_STATUS_OK;
+  for (int look = 1; look <= kMostLooks; ++look) {
+    struct stat found = {};
+    if (lstat(db_.get_dbfile_path().c_str(), &found) != 0) return status_of_errno("lstat");
+    status = db_.check_db_existence(false);
+    if (status != CR_STATUS_BAD_DATA) return status;
+    std::this_thread::sleep_for(kBetweenLooks);
+  }
+  return status;
 }
 
 cr_status_t RowPager::read_page() {
   std::string where = condition_;
   if (!page_.empty()) where += " AND basename > " + quoted(page_.back().name);
   page_.clear();
+  const Snapshot snapshot(db_);
+  if (snapshot.status() != CR_STATUS_OK) return snapshot.status();
   std::vector<std::string> names;
   const cr_status_t listed = db_.select_basenames(&names, where, ORDER_ASCENDING, kPage);
   if (listed != CR_STATUS_OK || names.empty()) return listed;
