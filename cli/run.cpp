@@ -14,6 +14,7 @@
 #include "cli/dcids.h"
 #include "cli/declare.h"
 #include "cli/find.h"
+#include "cli/help.h"
 #include "cli/ingest.h"
 #include "cli/ls.h"
 #include "cli/rm.h"
@@ -188,11 +189,12 @@ constexpr std::array kSubcommands = {
 
 constexpr const char* kFooter =
     "Exit status: 0 done, 1 failed, 2 wrong arguments, 3 some entries were not done,\n"
-    "4 the catalog is inconsistent, 5 a retention lock would be shortened. Names are printed with\n"
-    "control bytes, backslashes and bytes that are no UTF-8 as \\xNN. A path that starts with '-'\n"
-    "goes after '--'.";
+    "4 the catalog is inconsistent, 5 a retention lock would be shortened. Names are\n"
+    "printed with control bytes, backslashes and bytes that are no UTF-8 as \\xNN. A\n"
+    "path that starts with '-' goes after '--'.";
 
 void declare_common(CLI::App& app, Request& request) {
+  app.formatter(std::make_shared<Help>());
   app.description("Ingests directory trees into a backup catalog, shows and checks it.");
   app.footer(kFooter);
   app.set_version_flag("--version", "pocatalog " POCATALOG_VERSION);

@@ -91,16 +91,19 @@ void declare_logs(CLI::App& app, Request& request) {
   const auto options = std::make_shared<LogsCleanOptions>();
   CLI::App* command = add_subcommand(
       add_group(app, "logs", "Removes old logs."), request, "clean",
-      "Deletes files that were last modified before so many days, but none whose name begins with "
-      "'.', and follows no link. Refuses directories that hold anything of a catalog. Exit status "
-      "3 "
-      "when this user may not remove the files of some directory.",
+      "Deletes files that were last modified more than so many days ago, but none whose name "
+      "begins "
+      "with '.', and follows no link. Refuses directories that hold anything of a catalog. Exit "
+      "status 3 when this user may not remove the files of some directory.",
       logs_clean, options);
   command->add_option("DIR", options->directory, "The directory of the logs")->required();
-  command->add_option("--days", options->days, "Of files; 0 is no limit")
+  command
+      ->add_option("--days", options->days,
+                   "Delete files older than so many days; 0 deletes none for its age")
       ->required()
       ->check(days_range());
-  CLI::Option* empty = command->add_option("--empty-days", options->empty_days, "Of empty files");
+  CLI::Option* empty = command->add_option("--empty-days", options->empty_days,
+                                           "Delete empty files older than so many days");
   empty->check(days_range());
   const auto is_text = [](const std::string& text) {
     return text.empty() ? "an empty text is in every path" : "";
@@ -109,7 +112,7 @@ void declare_logs(CLI::App& app, Request& request) {
       ->check(CLI::Validator(is_text, ""))
       ->excludes(empty);
   command->add_flag("--recursive", options->recursive,
-                    "In the directories below, too; those left empty are removed");
+                    "Also in the directories below; those left empty are removed");
 }
 
 void declare_patrol(CLI::App& app, Request& request) {
@@ -121,11 +124,13 @@ void declare_patrol(CLI::App& app, Request& request) {
       "SIGHUP starts a round, SIGTERM ends it. docs/patrol.md describes its files and metrics.",
       patrol, options);
   add_root(command, options->root);
-  add_period(command, "--every", &options->every, "From the start of a round to the next: 6h")
+  add_period(command, "--every", &options->every,
+             "The time from the start of a round to that of the next, for example 6h")
       ->required();
-  command->add_option("--log-dir", options->log_dir, "Where its logs go; it exists")->required();
+  command->add_option("--log-dir", options->log_dir, "An existing directory for its logs")
+      ->required();
   add_period(command, "--keep-logs", &options->keep_logs,
-             "Remove its own logs that are older: 30d, rounded up to days");
+             "Remove its own logs that are older, in days, rounded up; 30d when not given");
   command->add_option("--metrics", options->metrics,
                       "Write a text file for Prometheus after every round");
   command->add_flag("--foreground", options->foreground, "Stay attached to the terminal");
