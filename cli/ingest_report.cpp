@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 #include <ostream>
 
+#include "cli/cause.h"
 #include "cli/json.h"
 
 namespace cli {
@@ -38,6 +39,7 @@ void print_line_of(std::ostream& out, const std::string& name, std::uint64_t cou
 
 void report_problems(const Console& console, const std::vector<Problem>& problems) {
   for (const Problem& problem : problems) {
+    take_cause();  // each problem's text tells its own
     report(console, problem.path, problem.status, problem.text);
   }
 }

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 #include <sqlite3.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <nlohmann/json.hpp>
 #include <ostream>

@@ -18,8 +18,9 @@ namespace {
 Refusal remove_locked(const CatalogPath& path, const Removal& removal) {
   DsInfoRun run;
   cr_status_t status = run.open(path.root, *path.dsid());
-  if (status != CR_STATUS_OK)
-    return {status, "not removed: the data store's counters are in the way"};
+  if (status != CR_STATUS_OK) {
+    return {status, "not removed: the counters of its data store cannot be used"};
+  }
   IngestOutcome outcome;
   Refusal refusal;
   {
