@@ -26,5 +26,6 @@ function(pocatalog_test name)
   add_executable(${name} ${ARGN} ${POCATALOG_OBJECTS})
   target_link_libraries(${name} PRIVATE pocatalog-refhost SQLite::SQLite3 Boost::filesystem
                         Threads::Threads GTest::gmock GTest::gtest_main)
-  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300)
+  gtest_discover_tests(${name} TEST_FILTER "${POCATALOG_TEST_FILTER}" DISCOVERY_TIMEOUT 60
+                       PROPERTIES TIMEOUT 300)
 endfunction()
