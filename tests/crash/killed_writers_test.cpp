@@ -1,6 +1,5 @@
 // Writers are killed at random moments, and readers while they recover what the writers left.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <algorithm>
 #include <array>
@@ -11,6 +10,7 @@
 #include "po/file_po.h"
 #include "refhost/control.h"
 #include "tests/crash/lane.h"
+#include "tests/support/child_process.h"
 #include "tests/support/intact.h"
 #include "tests/support/temp_dir.h"
 
@@ -130,12 +130,12 @@ class KilledWriters : public testing::Test {
     Pipe out;
     std::vector<pid_t> writers;
     for (unsigned int process = 0; process < processes; ++process) {
-      writers.push_back(start([&] {
+      writers.push_back(start_child([&] {
         std::vector<std::thread> others;
         for (unsigned int thread = 1; thread < threads; ++thread) {
           others.emplace_back([&, thread] { write(process * threads + thread, out, fault); });
         }
-        write(process * threads, out, fault);
+        return write(process * threads, out, fault);
       }));
     }
     out.stop_writing();
@@ -149,7 +149,7 @@ class KilledWriters : public testing::Test {
   }
 
   // Until it is killed.
-  void write(unsigned int writer, const Pipe& out, Fault fault) {
+  int write(unsigned int writer, const Pipe& out, Fault fault) {
     const std::string name = std::to_string(writer);
     Store store(root_->path());
     for (;;) {
@@ -165,14 +165,14 @@ class KilledWriters : public testing::Test {
   }
 
   void let_recover() {
-    const pid_t reader = start([&] { look(Pipe()); });
+    const pid_t reader = start_child([&] { return look(Pipe()); });
     usleep(chance(1500));
     killed_readers_ += kill_child(reader) ? 1 : 0;
   }
 
   // Says nothing when the databases cannot be read, a writer's rows differ or the total does not
   // add up.
-  void look(const Pipe& out) try {
+  int look(const Pipe& out) try {
     must(intact::faults_of(root_->path("5/c/p")).empty() ? CR_STATUS_OK : CR_STATUS_CORRUPT);
     Store store(root_->path());
     Values found;
@@ -186,16 +186,18 @@ class KilledWriters : public testing::Test {
     }
     must(store.get(kTotal) == sum ? 0 : -1);
     out.write(found);
+    return 0;
   } catch (cr_status_t) {
+    return 0;
   }
 
   void judge() {
     Pipe out;
-    const pid_t reader = start([&] { look(out); });
+    const pid_t reader = start_child([&] { return look(out); });
     out.stop_writing();
     Values found;
     const bool readable = out.read(found);
-    EXPECT_EQ(waitpid(reader, nullptr, 0), reader);
+    end_of(reader);
     const bool nothing = last_.rows[0] == 0 && (!readable || found.lists[0] == 0);
     if (fresh_ && nothing) {  // what is left of a killed creation is nobody's
       ++cut_creations_;
@@ -203,7 +205,7 @@ class KilledWriters : public testing::Test {
     }
     if (!readable) ++faults_, note("damaged");
     if (readable) compare("row", found.rows, last_.rows), compare("list", found.lists, last_.lists);
-    if (!readable) return start_afresh();
+    if (!readable || (fresh_ && found.lists[0] == 0)) return start_afresh();
     last_ = found;
     rounds_since_judged_ = 0;
     fresh_ = false;
@@ -226,17 +228,10 @@ class KilledWriters : public testing::Test {
 
   unsigned int chance(unsigned int below) { return static_cast<unsigned int>(random_() % below); }
 
-  template <typename Act>
-  static pid_t start(const Act& act) {
-    const pid_t child = fork();
-    if (child == 0) [&act]() noexcept { act(), _exit(0); }();
-    return child;
-  }
   // Whether it was still at work.
   static bool kill_child(pid_t child) {
     kill(child, SIGKILL);
-    int status = 0;
-    EXPECT_EQ(waitpid(child, &status, 0), child);
+    const int status = end_of(child);
     EXPECT_TRUE(WIFEXITED(status) || WTERMSIG(status) == SIGKILL) << "a child failed by itself";
     return WIFSIGNALED(status);
   }

@@ -2,12 +2,12 @@
 // nobody waits for long.
 #include <gtest/gtest.h>
 #include <sys/mman.h>
-#include <sys/wait.h>
 
 #include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <mutex>
 #include <random>
 #include <thread>
@@ -16,6 +16,7 @@
 #include "podb/podb_pool.h"
 #include "refhost/control.h"
 #include "tests/crash/lane.h"
+#include "tests/support/child_process.h"
 #include "tests/support/intact.h"
 #include "tests/support/temp_dir.h"
 
@@ -61,37 +62,35 @@ class Load : public testing::Test {
     must(database.commit_transaction());
   }
 
+  // Updates directories at random.
+  void write(const std::function<void(unsigned int)>& update_in, unsigned int writer) {
+    std::mt19937 random(writer);
+    for (unsigned long count = 0; count < updates_; ++count) {
+      update_in(static_cast<unsigned int>(random() % kDirectories));
+    }
+  }
   void write_alone(unsigned int writer) {
     std::vector<std::unique_ptr<SQLitePODB>> databases;
     for (unsigned int number = 0; number < kDirectories; ++number) {
       databases.push_back(std::make_unique<SQLitePODB>(root_->path(), directory(number)));
     }
-    std::mt19937 random(writer);
-    for (unsigned long count = 0; count < updates_; ++count) {
-      const auto number = static_cast<unsigned int>(random() % kDirectories);
-      update(*databases[number], writer);
-    }
+    write([&](unsigned int number) { update(*databases[number], writer); }, writer);
   }
-
   // Those who share a database of the pool take turns.
-  void write_through(PODBPool& pool, std::array<std::mutex, kDirectories>& turns,
-                     unsigned int writer) {
-    std::mt19937 random(writer);
-    for (unsigned long count = 0; count < updates_; ++count) {
-      const auto number = static_cast<unsigned int>(random() % kDirectories);
-      const auto database = pool.get_podb(directory(number));
-      const std::lock_guard<std::mutex> turn(turns[number]);
-      update(*database, writer);
-    }
-  }
-
   void use_pool() {
     PODBPool pool(kDirectories);
     pool.init(root_->path(), new SQLitePODBFactory);
     std::array<std::mutex, kDirectories> turns;
+    const auto update_leased = [&](unsigned int number, unsigned int writer) {
+      const auto database = pool.get_podb(directory(number));
+      const std::lock_guard<std::mutex> turn(turns[number]);
+      update(*database, writer);
+    };
     std::vector<std::thread> threads;
-    for (unsigned int thread = 0; thread < kThreads; ++thread) {
-      threads.emplace_back([&, thread] { write_through(pool, turns, kProcesses + thread); });
+    for (unsigned int writer = kProcesses; writer < kWriters; ++writer) {
+      threads.emplace_back([&, writer] {
+        write([&](unsigned int number) { update_leased(number, writer); }, writer);
+      });
     }
     for (std::thread& thread : threads) thread.join();
   }
@@ -148,16 +147,12 @@ TEST_F(Load, loses_no_update_and_lets_nobody_wait_for_30_seconds) {
   const auto start = std::chrono::steady_clock::now();
   std::vector<pid_t> children;
   for (unsigned int process = 0; process <= kProcesses; ++process) {
-    children.push_back(fork());
-    if (children.back() != 0) continue;
-    process < kProcesses ? write_alone(process) : use_pool();
-    _exit(0);
+    children.push_back(start_child([&] {
+      process < kProcesses ? write_alone(process) : use_pool();
+      return 0;
+    }));
   }
-  for (const pid_t child : children) {
-    int status = 0;
-    EXPECT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
-  }
+  for (const pid_t child : children) EXPECT_EQ(end_of(child), 0);
   const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
 
   EXPECT_EQ(tally_->failures, 0U) << "the first with status " << tally_->first_failure;
