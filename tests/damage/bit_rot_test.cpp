@@ -134,6 +134,8 @@ struct Kind {
   std::unique_ptr<Subject> (*make)();
 };
 
+void PrintTo(const Kind& kind, std::ostream* out) { *out << kind.name; }
+
 class Damage : public testing::TestWithParam<Kind> {
  protected:
   static void SetUpTestSuite() { prepare(); }

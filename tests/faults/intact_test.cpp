@@ -20,6 +20,8 @@ struct Damage {
   const char* reported;
 };
 
+void PrintTo(const Damage& damage, std::ostream* out) { *out << damage.sql; }
+
 class DamageIsFound : public testing::TestWithParam<Damage> {};
 
 TEST_P(DamageIsFound, AndNothingElseIs) {

@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -39,12 +40,15 @@ struct Operation {
   int rows;  // of a transaction; 1: none, a statement for itself
   cr_status_t (*run)(World& world, int rows);
   void (*prepare)(World& world, int rows);
-  bool by_lines =
-      false;  // what it has done by the time of a failure stays: the table, whole rows, in order
+  // What it has done by the time of a failure stays: the table, whole rows, in order.
+  bool by_lines = false;
   // What it answers besides: anywhere, and where memory ran out.
   cr_status_t also = CR_STATUS_OK;
   cr_status_t also_without_memory = CR_STATUS_OK;
 };
+
+// How a list of tests shows it.
+inline void PrintTo(const Operation& operation, std::ostream* out) { *out << operation.name; }
 
 // How many rows the databases hold at first, and a large transaction changes; POCATALOG_SOAK in the
 // environment multiplies it.
