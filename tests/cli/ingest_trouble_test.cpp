@@ -14,9 +14,6 @@ class IngestTroubleTest : public CommandTest {
   void write_all(const Names& files, const std::string& content = "x") const {
     for (const std::string& name : files) write(name, content);
   }
-  void expect_told(const std::string& text) const {
-    EXPECT_NE(err_.find(text), std::string::npos) << err_;
-  }
 };
 
 constexpr const char* kMarked = "17 bytes of text.";

@@ -103,13 +103,19 @@ TEST_F(PatrolTest, WatchesWhileAnIngestRunsAndFindsWhatChangedByTheNextRound) {
   });
 }
 
-TEST_F(PatrolTest, IsOneForEachCatalogAndLeavesItsLockHoweverItEnds) {
+TEST_F(PatrolTest, IsOneForEachCatalogLeavesItsLockHoweverItEndsAndRemovesItsOwnOldLogsOnly) {
   among_daemons([this] {
+    const std::string own = logs_ + "/" + cli::patrol_name(root_) + "-2026-01-02.log";
+    const std::string others = logs_ + "/" + cli::patrol_name("/other") + "-2026-01-02.log";
+    for (const std::string& file : {own, others}) write_file(file, "line"), age(file);
     for (const int signal : {SIGKILL, SIGTERM, SIGINT}) {
       const pid_t pid = started();
       expect_refused("PID = " + std::to_string(pid));
+      EXPECT_TRUE(comes_true([&] { return !fs::exists(own); }));
       EXPECT_EQ(end(pid, signal), signal == SIGKILL ? -1 : cli::kDone);
     }
+    EXPECT_TRUE(fs::exists(others));
+    EXPECT_NE(log().find("ended"), std::string::npos);
   });
 }
 
@@ -126,22 +132,6 @@ TEST_F(PatrolTest, TellsTheOneWhoCallsWhyItDoesNotStart) {
     fs::remove(file);
     ASSERT_EQ(mount(nullptr, "/var/run", nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
     expect_refused("cannot take its lock");
-  });
-}
-
-TEST_F(PatrolTest, RemovesItsOwnOldLogsOnly) {
-  among_daemons([this] {
-    const std::string own = logs_ + "/" + cli::patrol_name(root_) + "-2026-01-02.log";
-    const std::string others = logs_ + "/" + cli::patrol_name("/other") + "-2026-01-02.log";
-    for (const std::string& file : {own, others}) {
-      write_file(file, "line");
-      age(file);
-    }
-    const pid_t pid = started();
-    EXPECT_TRUE(comes_true([&] { return !fs::exists(own); }));
-    EXPECT_EQ(end(pid, SIGTERM), cli::kDone);
-    EXPECT_TRUE(fs::exists(others));
-    EXPECT_NE(log().find("ended"), std::string::npos);
   });
 }
 

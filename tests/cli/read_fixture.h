@@ -14,7 +14,6 @@
 #include "cli/command.h"
 #include "cli/dsinfo.h"
 #include "cli/run.h"
-#include "po/dir_po.h"
 #include "po/file_po.h"
 #include "podb/sqlite_podb.h"
 #include "refhost/control.h"
@@ -118,13 +117,9 @@ class CommandTest : public testing::Test {
   std::string lists() const { return full(image_) + "/ul.db"; }
 
   void add_directory(const std::string& inner, std::uint32_t special_flags = 0) {
-    DirPO entry(root_, full(inner), 5);
-    refhost::RecordFields fields = refhost::get_fields(entry.record());
-    fields.type = PO_TYPE_DIR;
-    fields.mode = 040755;
+    refhost::RecordFields fields = dir_fields("", "");
     fields.special_flags = special_flags;
-    ASSERT_EQ(refhost::set_fields(entry.record(), fields), 0);
-    ASSERT_EQ(entry.save(full(inner)), 0U);
+    write_file(full(inner) + "/__dirpo__", text_of(fields));
   }
   // Stores a row in the image's directory; `fields` need no location.
   void add_file(const std::string& name, refhost::RecordFields fields = file_fields("x")) {
@@ -182,6 +177,9 @@ class CommandTest : public testing::Test {
               line["not_done"]};
     }
     return {};
+  }
+  void expect_told(const std::string& text) const {
+    EXPECT_NE(err_.find(text), std::string::npos) << err_;
   }
   void expect_sound() const { expect(cli::kDone, "verify " + root_); }
 };
