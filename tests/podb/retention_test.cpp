@@ -127,6 +127,8 @@ TEST_F(Retention, LeavesTheEntryAloneWhenTheHostFails) {
   EXPECT_EQ(set(RETENTION_IMMUTABLE, 0), CR_STATUS_OK);
   EXPECT_EQ(info().worm_flags, WORM_IMMUTABLE) << "its time is in the future, but it is no lock";
   EXPECT_EQ(info().lock_remaining, 4999);
+  EXPECT_EQ(set(RETENTION_LOCK, 5000), CR_STATUS_OK);
+  EXPECT_EQ(info().worm_flags, WORM_IMMUTABLE | WORM_LOCKED);
   failing = "POGetCdoRef";
   EXPECT_EQ(std::string(info().cdo_ref, 2), std::string(2, '\0'));
 }

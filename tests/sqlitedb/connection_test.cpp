@@ -98,7 +98,10 @@ TEST_F(Connection, tells_what_fails_below_it_and_what_became_of_its_file) {
   const auto init = [&] { return db.init_db(); };
   const auto bad_init = [&] { return db.schema = [] { return CR_STATUS_BUSY; }, db.init_db(); };
   const auto open = [&] { return db.open_db(); };
-  const auto read = [&] { return db.exec("SELECT a FROM t", &db); };
+  const auto read = [&] {
+    db.row = [](const char*) { return 0; };
+    return db.exec("SELECT a FROM t", &db);
+  };
   const auto elsewhere = [&] { return db.open_db(dir.path("b.db")); };
   const auto half_open = [&] { return db.opened = false, db.open_db(); };
   using refhost::LogLevel;
@@ -231,7 +234,7 @@ TEST_F(Connection, waits_for_its_statements_when_closing_and_is_abandoned_in_the
     });
     EXPECT_EQ(db.close_db(3), CR_STATUS_OK);
     EXPECT_FALSE(db.has_handle() || db.is_open());
-    EXPECT_EQ(slept, std::min(done_after, 4U));
+    EXPECT_EQ(counted.sleeps(), std::vector(std::min(done_after, 4U), 1U));
     if (done_after > slept) sqlite3_finalize(statement);
     if (slept == 4) sqlite3_close(handle);  // abandoned
   }
@@ -265,10 +268,13 @@ TEST_F(Connection, is_durable_and_limited_each_time_it_is_opened) {
   EXPECT_EQ(other.open_db() + other.exec("BEGIN EXCLUSIVE", nullptr), CR_STATUS_OK);
   EXPECT_EQ(db.close_db(0) + db.open_db(), CR_STATUS_OK);
   EXPECT_EQ(db.exec("DELETE FROM t", nullptr), CR_STATUS_BUSY);
-  EXPECT_EQ(other.close_db(0) + db.exec("DELETE FROM t", nullptr), CR_STATUS_OK);
+  EXPECT_EQ(other.close_db(0) + db.exec("SELECT 1; DELETE FROM t", nullptr), CR_STATUS_OK);
   EXPECT_TRUE(db.run_pragma("PRAGMA synchronous", "3", nullptr));
   EXPECT_EQ(db.begin_transaction() + db.open_db(), CR_STATUS_OK);
   EXPECT_TRUE(db.in_transaction()) << "open already";
+  EXPECT_EQ(db.open_db(dir.path("d.db")) + other.open_db() + other.begin_transaction(), 0);
+  EXPECT_EQ(other.drop_db(), CR_STATUS_OK);
+  log.expect_info(CR_STATUS_OK, "Drop database " + file + ".");
   TestDb limited(dir.path("b.db"), 1000);
   EXPECT_EQ(limited.open_db() + limited.exec("SELECT zeroblob(999)", nullptr), CR_STATUS_OK);
   EXPECT_EQ(sqlitedb::sqlite3_wrapper(dir.path("c.db")).init_db(), CR_STATUS_OK);
