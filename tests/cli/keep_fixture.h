@@ -1,4 +1,0 @@
-// KeepTest.
-#pragma once
-
-#include "tests/cli/read_fixture.h"
