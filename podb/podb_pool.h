@@ -55,8 +55,8 @@ class POCATALOG_API PODBPool {
   // returns its status; the transactions after it stay open.
   cr_status_t commit_all();
 
-  // Closes every database as close_podb, in the order of the directories. Stops at the first failure
-  // and returns its status; the databases after it stay open.
+  // Closes every database as close_podb, in the order of the directories. Stops at the first
+  // failure and returns its status; the databases after it stay open.
   cr_status_t close_all();
 
   // Whether the entry of that full path exists, as PODB::exists tells it of the directory's
