@@ -62,7 +62,7 @@ class DirectoryRemoval : public Removal {
     }
     std::unique_ptr<DirPO> entry;
     const cr_status_t status = read_directory(path_, &entry);
-    const Refusal found = entry_refusal(status, entry.get(), clock_);
+    Refusal found = entry_refusal(status, entry.get(), clock_);
     if (!found.text.empty()) return found;
     Refusal content = content_refusal(path_.root, path_.full());
     if (!content.text.empty()) content.text = "not removed: " + content.text;
