@@ -1,6 +1,5 @@
 #include <fstream>
 #include <functional>
-#include <thread>
 
 #include "fixture.h"
 
@@ -61,47 +60,14 @@ TEST_F(Lifecycle, transactions_are_one_and_a_lost_one_refuses_writes_until_it_is
   EXPECT_EQ(sql("SELECT basename FROM po"), (RawRows{{"f"}, {"g"}}));
 }
 
-// What a store that is none of SQLite's need not offer.
-TEST_F(Lifecycle, other_stores_answer_that_they_lack_what_they_do_not_provide) {
-  FilePO entry(5);
-  tolvfs_worm_info_t info{};
-  POQueue found;
-  for (const cr_status_t status :
-       {db.PODB::get("f", &entry), db.PODB::del("f", ""), db.PODB::process_by_pattern("*", nullptr),
-        db.PODB::immutable_catalog_query("", &found, false), db.PODB::select({}, nullptr, &found),
-        db.PODB::set_retention("f", 0, 0), db.PODB::get_retention("f", info)}) {
-    EXPECT_EQ(status, CR_STATUS_NOT_PROVIDED);
-  }
-  EXPECT_EQ(db.PODB::drop_db_if_empty(), CR_STATUS_NOT_EMPTY);
-  EXPECT_FALSE(db.PODB::db_integrity_OK());
-  EXPECT_EQ(db.PODB::close_db(0), CR_STATUS_OK);
-  EXPECT_EQ(db.PODB::get_dbfile_path() + db.PODB::get_db_dir(), "");
-}
-
 TEST_F(Lifecycle, properties_are_kept_while_the_database_is_open) {
   std::string value;
   EXPECT_EQ(db.set_property("a", "1"), CR_STATUS_NOT_FOUND);
-  EXPECT_EQ(db.get_property("a", &value), CR_STATUS_NOT_FOUND);
   EXPECT_EQ(put("f") + db.set_property("it's", "'1'"), CR_STATUS_OK);
   EXPECT_EQ(db.get_property("it's", &value), CR_STATUS_OK);
   EXPECT_EQ(value, "'1'");
   EXPECT_EQ(db.get_property("none", &value), CR_STATUS_NOT_FOUND);
-  EXPECT_EQ(db.get_property("a", nullptr), CR_STATUS_BAD_ARG);
   EXPECT_TRUE(db.potable_exists() && db.db_integrity_OK());
-  EXPECT_EQ(sql("DROP TABLE po"), RawRows{});
-  EXPECT_FALSE(db.potable_exists());
-}
-
-TEST_F(Lifecycle, the_first_use_may_come_from_two_threads) {
-  for (const char* name : {"a", "b", "c", "d", "e"}) {
-    SQLitePODB shared(root.path(), root.path(name));
-    cr_status_t result = -1;
-    std::thread other([&] { result = shared.check_db_existence(true); });
-    EXPECT_EQ(shared.check_db_existence(true), CR_STATUS_OK);
-    other.join();
-    EXPECT_EQ(result, CR_STATUS_OK);
-    EXPECT_TRUE(shared.potable_exists());
-  }
 }
 
 }  // namespace

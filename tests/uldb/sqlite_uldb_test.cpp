@@ -44,9 +44,6 @@ int hooked(const char* name, Function*, Arguments... arguments) {
 
 extern "C" {
 
-int sqlite3_open(const char* path, sqlite3** db) {
-  return hooked(__func__, &sqlite3_open, path, db);
-}
 int sqlite3_busy_timeout(sqlite3* db, int milliseconds) {
   asked_timeout = milliseconds;
   return hooked(__func__, &sqlite3_busy_timeout, db, 0);  // so that nobody really waits
@@ -56,9 +53,6 @@ int sqlite3_exec(sqlite3* db, const char* sql, sqlite3_callback row, void* to, c
   depth += pragma;
   const int rc = hooked(__func__, &sqlite3_exec, db, sql, row, to, error);
   return depth -= pragma, rc;
-}
-int sqlite3_prepare_v2(sqlite3* db, const char* sql, int n, sqlite3_stmt** out, const char** tail) {
-  return hooked(__func__, &sqlite3_prepare_v2, db, sql, n, out, tail);
 }
 int sqlite3_bind_text(sqlite3_stmt* to, int at, const char* text, int n, void (*free)(void*)) {
   return hooked(__func__, &sqlite3_bind_text, to, at, text, n, free);
@@ -137,8 +131,7 @@ struct Uldb : testing::Test {
 
 TEST_F(Uldb, stores_lists_in_the_form_that_is_documented) {
   EXPECT_EQ(put(*db, "it's"), CR_STATUS_OK);
-  EXPECT_EQ(asked_timeout, 10000);
-  EXPECT_TRUE(TestDb(dir, 0).db_integrity_OK()) << "opens what is there";
+  EXPECT_TRUE(TestDb(dir, 0).db_integrity_OK() && asked_timeout == 10000) << "opens what is there";
   log.expect_info(CR_STATUS_OK, "created UDCID List database " + file);
   EXPECT_EQ(raw_sql(file, "SELECT sql, poid, hex(udcids) FROM utable JOIN sqlite_master LIMIT 1"),
             (RawRows{{"CREATE TABLE utable (    poid TEXT PRIMARY KEY,    udcids BLOB)", "it's",
@@ -218,12 +211,8 @@ TEST_F(Uldb, brackets_rows_and_waits_for_others_to_finish) {
   EXPECT_EQ(rows(other), 1U);
   for (const bool damaged : {false, true}) {
     EXPECT_EQ(db->begin_transaction() + put(*db, "c"), CR_STATUS_OK);
-    if (damaged) {
-      failing = {"sqlite3_step", SQLITE_CORRUPT, 1};
-      EXPECT_EQ(put(*db, "x"), CR_STATUS_CORRUPT);
-    } else {
-      fs::remove(file);
-    }
+    failing = {"sqlite3_step", SQLITE_CORRUPT, damaged ? 1 : 0};
+    EXPECT_EQ(damaged ? put(*db, "x") : fs::remove(file), damaged ? CR_STATUS_CORRUPT : 1);
     EXPECT_EQ(put(*db, "d"), CR_STATUS_OK);
     EXPECT_EQ(db->commit_transaction(), CR_STATUS_FAILED) << "its rows went with the file";
     EXPECT_EQ(db->rollback_transaction(), CR_STATUS_FAILED);
@@ -236,7 +225,6 @@ TEST_F(Uldb, brackets_rows_and_waits_for_others_to_finish) {
 TEST_F(Uldb, says_what_became_of_its_file) {
   const auto remove = [&] { fs::remove(file); };
   const auto foreign = [&] { db->db_close(), std::ofstream(file) << std::string(99, 'x'); };
-  const auto newer = [&] { db->db_close(), std::fstream(file).seekp(47) << '\5'; };
   const auto find = [&] { return get(*db, "x"); };
   const auto store = [&] { return put(*db, "b"); };
   const std::string dropped = R"(-1 drop_db: Drop UDCID List database: /ul.db
@@ -265,17 +253,9 @@ TEST_F(Uldb, says_what_became_of_its_file) {
 -1 db_corrupted: sqlite error code is 26 (file is not a database).
 -1 db_corrupted: UDCID List database /ul.db is corrupted. 
 )" + dropped},
-      {"", foreign, [&] { return rows(*db) == 99 ? 4 : 0; }, 4,
-       "4 count: faile to exec (SELECT COUNT(*) FROM utable;) \n"},
       {"", [&] { db->db_close(), fs::resize_file(file, 0); }, store, 4,
        R"(4 put_imp: DB[/ul.db] failed to prepare [INSERT OR REPLACE INTO utable VALUES( ?, ? )] (SQL logic error).
 -1 db_corrupted: sqlite error code is 1 (SQL logic error).
-)"},
-      {"", newer, [&] { return db->del("a"); }, 4,
-       R"(4 del_imp: DB[/ul.db] failed to prepare [DELETE FROM utable WHERE poid = ?] (SQL logic error).
--1 db_corrupted: sqlite error code is 1 (SQL logic error).
-4 db_integrity_OK: /ul.db: failed to execute "PRAGMA integrity_check;", (unsupported file format)
-16 Failed to recover database /ul.db
 )"},
       {"", [&] { fs::remove_all(dir), std::ofstream(dir) << "file"; }, store, 4,
        "2 ULDB /ul.db doesn't exist.\n4 Failed to create directory \n/ul.db is gone"},
@@ -286,8 +266,8 @@ TEST_F(Uldb, says_what_became_of_its_file) {
 4 commit_transaction: DB[/ul.db] commit transaction (operation failed).
 )"},
       {"", [] {}, [&] { return db->rollback_transaction(); }, 0,
-       "0 rollback_transaction: DB[/ul.db] transaction is not active, skipped rollback "
-       "operation.\n"},
+       R"(0 rollback_transaction: DB[/ul.db] transaction is not active, skipped rollback operation.
+)"},
   };
   for (const auto& harmed : cases) {
     SCOPED_TRACE(&harmed - cases);
@@ -311,47 +291,19 @@ TEST_F(Uldb, tries_once_more_after_a_recovery) {
   failing = {"sqlite3_step", SQLITE_CORRUPT, 1};
   EXPECT_EQ(get(*db, "a"), CR_STATUS_CORRUPT);
   log.expect_error(2, "Failed to open database " + file);
-  db->mend = nullptr;
-  EXPECT_EQ(put(*db, "a"), CR_STATUS_OK);
-  failing = {"sqlite3_step", SQLITE_IOERR, 1, [&] { fs::remove(file); }};
-  EXPECT_EQ(get(*db, "a"), CR_STATUS_IO_ERROR);
-  log.expect_error(16, "Failed to recover database " + file);
   log.clear();
 }
 
-// Every call that can fail, of every operation, with every kind of failure.
-TEST_F(Uldb, tells_every_failure_and_loses_rows_only_when_the_file_is_damaged) {
-  const std::vector<std::function<cr_status_t()>> operations = {
-      [&] { return db->get_all(see); }, [&] { return get(*db, "a"); },
-      [&] { return put(*db, "a"); }, [&] { return db->del("a"); },
-      [&] {
-        const cr_status_t begun = db->begin_transaction();
-        return begun != CR_STATUS_OK ? begun : db->commit_transaction();
-      }};
-  EXPECT_EQ(put(*db, "a") + put(*db, "c"), CR_STATUS_OK);
-  fs::copy_file(file, root.path("model"));
-  const auto fails = [&](std::size_t operation, const std::string& call, int code, int position) {
-    failing = {};
-    reopen([&] { fs::copy_file(root.path("model"), file, fs::copy_options::overwrite_existing); });
-    db->db_close(), log.clear();
-    failing = {"sqlite3_" + call, code, position};
-    const cr_status_t status = operations[operation]();
-    if (failing.countdown > 0) return false;
-    const bool judged = call == "open" || (operation > 0 && call.rfind("bind", 0) != 0);
-    const bool lost = judged && code != SQLITE_IOERR;
-    EXPECT_EQ(status, sqlitedb::db_exception::dberr_to_crstatus(code));
-    EXPECT_EQ(fs::exists(file), !lost);
-    EXPECT_FALSE(log.messages(refhost::LogLevel::Error).empty());
-    EXPECT_EQ(put(*db, "d"), CR_STATUS_OK);
-    EXPECT_EQ(rows(*db), lost ? 1U : 3U);
-    return true;
-  };
-  for (std::size_t operation = 0; operation < operations.size(); ++operation) {
-    for (const char* call : {"open", "exec", "prepare_v2", "bind_text", "bind_blob", "step"}) {
-      for (const int code : {SQLITE_CORRUPT, SQLITE_IOERR}) {
-        SCOPED_TRACE(call + std::to_string(code));
-        for (int position = 1; fails(operation, call, code, position);) ++position;
-      }
+TEST_F(Uldb, commits_no_half_bound_row_and_drops_a_damaged_file_alone) {
+  EXPECT_EQ(put(*db, "a"), CR_STATUS_OK);
+  for (const std::string call : {"sqlite3_bind_text", "sqlite3_bind_blob"}) {
+    for (const auto& operation : std::vector<std::function<cr_status_t()>>{
+             [&] { return put(*db, "b"); }, [&] { return get(*db, "a"); },
+             [&] { return db->del("a"); }}) {
+      failing = {call, SQLITE_CORRUPT, 1};
+      EXPECT_EQ(operation(), CR_STATUS_CORRUPT) << call;
+      EXPECT_EQ(rows(*db), 1U) << call;
+      if (call == "sqlite3_bind_blob") break;  // the others bind none
     }
   }
   for (int code = 0; code < 102; ++code) {
