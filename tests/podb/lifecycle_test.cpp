@@ -1,5 +1,6 @@
 #include <fstream>
 #include <functional>
+#include <thread>
 
 #include "fixture.h"
 
@@ -68,6 +69,18 @@ TEST_F(Lifecycle, properties_are_kept_while_the_database_is_open) {
   EXPECT_EQ(value, "'1'");
   EXPECT_EQ(db.get_property("none", &value), CR_STATUS_NOT_FOUND);
   EXPECT_TRUE(db.potable_exists() && db.db_integrity_OK());
+}
+
+TEST_F(Lifecycle, the_first_use_may_come_from_two_threads) {
+  for (const char* name : {"a", "b", "c", "d", "e"}) {
+    SQLitePODB shared(root.path(), root.path(name));
+    cr_status_t result = -1;
+    std::thread other([&] { result = shared.check_db_existence(true); });
+    EXPECT_EQ(shared.check_db_existence(true), CR_STATUS_OK);
+    other.join();
+    EXPECT_EQ(result, CR_STATUS_OK);
+    EXPECT_TRUE(shared.potable_exists());
+  }
 }
 
 }  // namespace
