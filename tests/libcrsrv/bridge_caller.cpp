@@ -5,28 +5,18 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <new>
 
 #include "libcrsrv/quillmisc.h"
-
-#ifdef RUNS_OUT_OF_MEMORY
-static bool may_allocate = true;
-
-void* operator new(std::size_t size) {
-  void* memory = may_allocate ? std::malloc(size) : nullptr;
-  return memory != nullptr ? memory : throw std::bad_alloc();
-}
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
-#endif
+#include "tests/support/failing_new.h"
 
 namespace {
 
-template <typename Function>
-Function* function_of(void* library, const char* name) {
-  return reinterpret_cast<Function*>(dlsym(library, name));
+void* bridge = nullptr;
+
+template <typename Function, typename... Arguments>
+int call(const char* name, Arguments... arguments) {
+  return reinterpret_cast<Function*>(dlsym(bridge, name))(arguments...);
 }
 
 }  // namespace
@@ -43,27 +33,22 @@ int main(int argc, char** argv) {
     const int scope = argv[i][0] == 'g' ? RTLD_GLOBAL : RTLD_LOCAL;
     if (dlopen(argv[i] + 2, RTLD_NOW | scope) == nullptr) std::printf("%s\n", dlerror());
   }
-  void* bridge = dlopen(argv[argc - 1], RTLD_NOW | RTLD_NOLOAD);
+  bridge = dlopen(argv[argc - 1], RTLD_NOW | RTLD_NOLOAD);
   if (bridge == nullptr) return 1;
-  const auto set = function_of<decltype(quill_nxattr_set)>(bridge, "quill_nxattr_set");
-  const auto get = function_of<decltype(quill_nxattr_get)>(bridge, "quill_nxattr_get");
-  const auto list = function_of<decltype(quill_nxattr_list)>(bridge, "quill_nxattr_list");
-  const auto remove = function_of<decltype(quill_nxattr_remove)>(bridge, "quill_nxattr_remove");
-  const auto clock = function_of<decltype(quill_get_compclk)>(bridge, "quill_get_compclk");
   const auto pointer = [](std::uintptr_t value) {
     void* made = nullptr;
     std::memcpy(&made, &value, sizeof made);
     return made;
   };
-#ifdef RUNS_OUT_OF_MEMORY
-  may_allocate = false;
-#endif
+  allocation_fails = [] { return true; };  // in the program that has such allocations
+  const auto tell = [](int result) { std::printf("%d\n", result); };
   timeval now{};
   errno = 7;
-  std::printf("%d\n", set(-1, pointer(1), nullptr, pointer(3), 4));
-  std::printf("%d\n", get(2, pointer(5), nullptr, pointer(7)));
-  std::printf("%d\n", list(5, pointer(6), pointer(7)));
-  std::printf("%d\n", remove(3, pointer(9)));
-  std::printf("%d", clock(&now, "/m"));
+  tell(
+      call<decltype(quill_nxattr_set)>("quill_nxattr_set", -1, pointer(1), nullptr, pointer(3), 4));
+  tell(call<decltype(quill_nxattr_get)>("quill_nxattr_get", 2, pointer(5), nullptr, pointer(7)));
+  tell(call<decltype(quill_nxattr_list)>("quill_nxattr_list", 5, pointer(6), pointer(7)));
+  tell(call<decltype(quill_nxattr_remove)>("quill_nxattr_remove", 3, pointer(9)));
+  std::printf("%d", call<decltype(quill_get_compclk)>("quill_get_compclk", &now, "/m"));
   std::printf(" %ld errno=%d\n", static_cast<long>(now.tv_sec), errno);
 }

@@ -107,7 +107,6 @@ TEST(LogCleanup, DoesNotFollowALinkThatTookTheDirectorysPlace) {
 
 TEST(LogCleanup, PassesOverPathsThatAreTooLong) {
   const TempDir dir;
-  LogCapture log(refhost::LogLevel::Trace);
   const std::string name(255, 'x');
   int at = open(dir.path().c_str(), O_DIRECTORY);
   for (std::size_t length = 0; length < PATH_MAX; length += name.size() + 1) {
@@ -121,9 +120,6 @@ TEST(LogCleanup, PassesOverPathsThatAreTooLong) {
   SDCleanLogs(dir.path().c_str(), 1, 1, 1, nullptr);
   EXPECT_EQ(faccessat(at, "old", F_OK, 0), 0);
   close(at);
-  for (const std::string& line : log.messages(refhost::LogLevel::Trace)) {
-    EXPECT_EQ(line.find("expired"), std::string::npos);
-  }
 }
 
 TEST(LogCleanup, TellsWhatItDoesInTraces) {

@@ -51,24 +51,22 @@ cr_status_t write_file(const std::string& file, const std::string& text, bool ap
 }
 
 TEST(WholeFile, IsOldOrNewButNeverHalfDoneWhenWritingFails) {
-  const struct {
-    const char* step;
-    int left;
-    const char* content;
-  } cases[] = {{"write", 0, "old"},
-               {"write", 1, "old"},
-               {"fsync", 0, "old"},
-               {"fsync", 1, "new content"},  // in place, but not certain to survive a crash
-               {"renameat", 0, "old"}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(testing::Message() << c.step << " after " << c.left);
+  const std::tuple<const char*, int, const char*> cases[] = {
+      // what fails, after so many calls, what is there then
+      {"write", 0, "old"},
+      {"write", 1, "old"},
+      {"renameat", 0, "old"},
+      {"fsync", 0, "old"},
+      {"fsync", 1, "new content"}};  // not certain to survive a crash
+  for (const auto& [step, calls, there] : cases) {
+    SCOPED_TRACE(testing::Message() << step << " after " << calls);
     const TempDir dir;
     ASSERT_EQ(write_file(dir.path("f"), "old"), 0);
-    failing = c.step;
-    left = c.left;
+    failing = step;
+    left = calls;
     EXPECT_EQ(write_file(dir.path("f"), "new content"), CR_STATUS_IO_ERROR);
     failing = {};
-    EXPECT_EQ(content(dir.path("f")), c.content);
+    EXPECT_EQ(content(dir.path("f")), there);
     EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), {}), 1);
   }
 }

@@ -52,13 +52,9 @@ TEST(RecordText, IsParsedAndPrintedInTheDocumentedForm) {
 
 TEST(RecordText, RefusesWhatItWouldNotPrint) {
   const std::string valid = kDefaultDirText;
-  std::vector<std::string> texts = {"",
-                                    std::string(28, '|'),
-                                    valid + "|",
-                                    valid + "\n",
-                                    with_field(1, "4294967296"),
-                                    with_field(3, "a/b"),
-                                    with_field(12, "40755")};
+  std::vector<std::string> texts = {"", std::string(28, '|'), valid + "|", valid + "\n"};
+  texts.insert(texts.end(),
+               {with_field(1, "4294967296"), with_field(3, "a/b"), with_field(12, "40755")});
   for (const char* value : {"", "+1", " 1", "1 ", "00", "-0", "1x", "\xc4"}) {
     for (const std::size_t number : {1U, 4U, 10U, 12U}) texts.push_back(with_field(number, value));
   }
