@@ -24,7 +24,12 @@ inline constexpr std::array kIoFaults = {Fault::IoError,    Fault::DiskFull,   F
                                          Fault::RefusedLock};
 inline constexpr std::array kMemoryFaults = {Fault::SqliteMemory, Fault::CppMemory, Fault::CMemory};
 
-const char* name_of(Fault fault);
+inline const char* name_of(Fault fault) {
+  constexpr std::array kNames = {"I/O error",    "full disk",     "short read",     "cannot open",
+                                 "failed sync",  "failed delete", "refused lock",   "SQLite memory",
+                                 "operator new", "malloc",        "swallowed write"};
+  return kNames.at(static_cast<std::size_t>(fault));
+}
 
 // Before SQLite is used for the first time: memory first.
 void use_faulty_memory();

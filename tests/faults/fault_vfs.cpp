@@ -18,12 +18,7 @@ Armed armed;
 sqlite3_vfs* real_vfs = nullptr;
 
 // The real file lies behind this one.
-struct File {
-  sqlite3_file base;
-};
-sqlite3_file* behind(sqlite3_file* file) {
-  return reinterpret_cast<sqlite3_file*>(reinterpret_cast<File*>(file) + 1);
-}
+sqlite3_file* behind(sqlite3_file* file) { return file + 1; }
 
 template <typename Call>
 int passed(Call call) {
@@ -111,13 +106,6 @@ sqlite3_vfs faulty_vfs;
 
 }  // namespace
 
-const char* name_of(Fault fault) {
-  constexpr std::array kNames = {"I/O error",    "full disk",     "short read",     "cannot open",
-                                 "failed sync",  "failed delete", "refused lock",   "SQLite memory",
-                                 "operator new", "malloc",        "swallowed write"};
-  return kNames.at(static_cast<std::size_t>(fault));
-}
-
 void arm(Fault fault, long n, bool for_good) { armed = {true, fault, n - 1, for_good, false}; }
 
 bool disarm() {
@@ -135,16 +123,13 @@ void use_faulty_vfs() {
   real_vfs = sqlite3_vfs_find(nullptr);
   faulty_vfs = *real_vfs;
   faulty_vfs.zName = "faulty";
-  faulty_vfs.szOsFile += static_cast<int>(sizeof(File));
+  faulty_vfs.szOsFile += static_cast<int>(sizeof(sqlite3_file));
   faulty_vfs.xOpen = open;
   faulty_vfs.xDelete = remove;
   faulty_vfs.xAccess = access;
   faulty_vfs.xSleep = sleep;
   for (const char* name : {"pread", "pread64"}) {
-    const auto call = reinterpret_cast<sqlite3_syscall_ptr>(short_pread);
-    if (real_vfs->xGetSystemCall(real_vfs, name) != nullptr) {
-      real_vfs->xSetSystemCall(real_vfs, name, call);
-    }
+    real_vfs->xSetSystemCall(real_vfs, name, reinterpret_cast<sqlite3_syscall_ptr>(short_pread));
   }
   sqlite3_vfs_register(&faulty_vfs, 1);
 }

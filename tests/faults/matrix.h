@@ -19,13 +19,11 @@ class Matrix {
   // What contradicts the promises, a line each.
   const std::vector<std::string>& violations() const { return violations_; }
 
-  long points(Fault fault) const;
+  bool reached(Fault fault) const { return tallies_.count(fault) > 0; }
   // Of each fault: the points, how many needed the object closed, and the statuses.
   std::string figures() const;
 
  private:
-  using Rows = std::vector<std::string>;  // what the directory holds, sorted
-
   struct Point {
     Fault fault;
     long n;
@@ -39,10 +37,8 @@ class Matrix {
 
   bool reached_at(const Point& point);
   void check_end(const Point& point, World& world, cr_status_t status);
-  bool allowed(const Rows& rows) const;
   bool is_specified(Fault fault, cr_status_t status) const;
   bool is_empty_leftover(cr_status_t status) const;
-  cr_status_t run_caught(World& world) const;
   void restore() const;
   Rows rows_now(const std::string& when);
   void blame(const std::string& what);

@@ -1,6 +1,9 @@
 #include "tests/faults/world.h"
 
+#include <algorithm>
 #include <fstream>
+#include <iterator>
+#include <new>
 
 #include "po/file_po.h"
 #include "podb/retention.h"
@@ -53,12 +56,10 @@ void nothing(World&, int) {}
 
 cr_status_t create(World& w, int) { return w.po.check_db_existence(true); }
 
-cr_status_t put_new(World& w, int rows) {
-  return batch(w.po, rows, [&](int i) { return put(w.po, name("new", i), i, 1); });
-}
-
-cr_status_t replace(World& w, int rows) {
-  return batch(w.po, rows, [&](int i) { return put(w.po, name("old", i), i, 2); });
+template <int Version>
+cr_status_t put_rows(World& w, int rows) {
+  const char* const kind = Version == 1 ? "new" : "old";
+  return batch(w.po, rows, [&](int i) { return put(w.po, name(kind, i), i, Version); });
 }
 
 cr_status_t erase(World& w, int rows) {
@@ -106,10 +107,11 @@ cr_status_t update_files(World& w, int rows) {
   return counted ? CR_STATUS_OK : kUntrue;
 }
 
-cr_status_t update_directory(World& w, const char mod_type) {
+template <char ModType>
+cr_status_t update_directory(World& w, int) {
   refhost::RecordFields made = dir_fields("p", "/c");
   made.dsid = 5;
-  made.mod_type = mod_type;
+  made.mod_type = ModType;
   made.owner = "1:1";
   const std::unique_ptr<PO> entry(PO::getObject(text_of(made), PO_STYPE_NONE));
   if (entry == nullptr) return *__cr_errno_location();
@@ -118,8 +120,6 @@ cr_status_t update_directory(World& w, const char mod_type) {
   std::string action;
   return static_cast<cr_status_t>(entry->update(&w.po, info, none, none, action));
 }
-cr_status_t save_directory(World& w, int) { return update_directory(w, 'N'); }
-cr_status_t remove_directory(World& w, int) { return update_directory(w, 'D'); }
 
 // No clock is asked on cloud storage.
 cr_status_t set_retention(World& w, int rows) {
@@ -152,17 +152,13 @@ void use_small_pages(const std::string& file) {
 }
 
 void fill(World& w, int) {
-  w.po.begin_transaction();
-  for (int i = 0; i < stored_rows(); ++i) put(w.po, name("old", i), i, 0);
-  w.po.commit_transaction();
+  batch(w.po, stored_rows(), [&](int i) { return put(w.po, name("old", i), i, 0); });
   w.close();
   use_small_pages(w.po.get_dbfile_path());
 }
 
 void fill_lists(World& w, int) {
-  w.ul.begin_transaction();
-  for (int i = 0; i < stored_rows(); ++i) put_list(w.ul, poid(i), 64);
-  w.ul.commit_transaction();
+  batch(w.ul, stored_rows(), [&](int i) { return put_list(w.ul, poid(i), 64); });
   w.close();
   use_small_pages(w.ul.get_dbfile_path());
 }
@@ -190,12 +186,13 @@ void prepare_journal(World& w, int rows) {
   for (int i = 0; i < rows; ++i) file << journal_line(i);
 }
 
-cr_status_t replay(World& w, bool in_transaction) {
+template <bool InTransaction>
+cr_status_t replay(World& w, int) {
   try {
     sqlitedb::SQLiteApplyJournal db(w.po.get_dbfile_path());
     const cr_status_t opened = db.open_db();
     if (opened != CR_STATUS_OK) return opened;
-    if (!in_transaction) return db.exec_file(journal(w), false);
+    if (!InTransaction) return db.exec_file(journal(w), false);
     cr_status_t status = db.begin_transaction();
     if (status == CR_STATUS_OK) status = db.exec_file(journal(w), true);
     return status == CR_STATUS_OK ? db.commit_transaction() : status;
@@ -203,8 +200,6 @@ cr_status_t replay(World& w, bool in_transaction) {
     return caught.cr_status();
   }
 }
-cr_status_t replay_whole(World& w, int) { return replay(w, true); }
-cr_status_t replay_lines(World& w, int) { return replay(w, false); }
 
 // Another directory's database takes the only place in the pool, and gives it back.
 cr_status_t evict_and_reopen(World& w, int rows) {
@@ -277,23 +272,23 @@ std::vector<Operation> operations() {
   constexpr cr_status_t kAbsent = CR_STATUS_NOT_FOUND;
   return {
       {"create", 1, create, nothing, false, kAbsent},
-      {"put", 1, put_new, fill},
-      {"put many", many, put_new, fill},
-      {"replace", 1, replace, fill},
-      {"replace many", many, replace, fill},
+      {"put", 1, put_rows<1>, fill},
+      {"put many", many, put_rows<1>, fill},
+      {"replace", 1, put_rows<2>, fill},
+      {"replace many", many, put_rows<2>, fill},
       {"delete", 1, erase, fill},
       {"delete many", many, erase, fill},
       {"get", many, get, fill},
       {"update of files", many, update_files, fill},
-      {"update of a directory", 1, save_directory, fill_directory},
-      {"removal of a directory with files", 1, remove_directory, fill_directory},
+      {"update of a directory", 1, update_directory<'N'>, fill_directory},
+      {"removal of a directory with files", 1, update_directory<'D'>, fill_directory},
       {"retention set", 1, set_retention, fill, false, kAbsent},
       {"retention set many", many, set_retention, fill, false, kAbsent},
       {"double check", many, double_check, fill},
-      {"journal in a transaction", many, replay_whole, prepare_journal, false, 0, CR_STATUS_FAILED},
-      {"journal by lines", many / 4, replay_lines, prepare_journal, true, 0, CR_STATUS_FAILED},
+      {"journal in a transaction", many, replay<true>, prepare_journal, false, 0, CR_STATUS_FAILED},
+      {"journal by lines", many / 4, replay<false>, prepare_journal, true, 0, CR_STATUS_FAILED},
       {"evict and reopen", many, evict_and_reopen, fill, false, kAbsent},
-      {"put after a crash", 1, put_new, prepare_crash},
+      {"put after a crash", 1, put_rows<1>, prepare_crash},
       {"put list", 1, put_lists, fill_lists},
       {"put lists", many, put_lists, fill_lists},
       {"get lists", many, get_lists, fill_lists},
@@ -324,4 +319,45 @@ void World::close() {
   po.close_db(0);
   ul.db_close();
   pool.close_all();
+}
+
+cr_status_t run_caught(const Operation& operation, World& world) try {
+  return operation.run(world, operation.rows);
+} catch (const std::bad_alloc&) {
+  return CR_STATUS_NO_MEMORY;
+} catch (const Cr_ErrnoException& caught) {
+  return caught.status();
+}
+
+Rows rows_of(const std::string& dir, intact::Faults& faults) {
+  Rows rows;
+  for (const auto& [name, table] : {std::pair{"/po.db", "po"}, {"/ul.db", "utable"}}) {
+    const std::string all = std::string("SELECT * FROM ") + table;
+    intact::check_database(dir + name, all, faults, [&rows](sqlite3_stmt* row) {
+      std::string line;
+      for (int i = 0; i < sqlite3_column_count(row); ++i) line += intact::text(row, i) + "|";
+      rows.push_back(line);
+    });
+    if (intact::has_content(dir + name)) rows.push_back(std::string(" ") + name);  // sorts first
+  }
+  std::string record;
+  wa_readfile((dir + "/" + DirPO::recordfilename()).c_str(), &record);
+  if (!record.empty()) rows.push_back(record);
+  std::sort(rows.begin(), rows.end());
+  return rows;
+}
+
+bool may_leave(const Operation& operation, const Rows& rows, const Rows& before,
+               const Rows& after) {
+  if (rows == before || rows == after) return true;
+  const auto added_to = [&before](const Rows& all) {
+    Rows added;
+    std::set_difference(all.begin(), all.end(), before.begin(), before.end(),
+                        std::back_inserter(added));
+    return added;
+  };
+  const Rows added = added_to(rows), all_added = added_to(after);
+  return operation.by_lines && rows.size() == before.size() + added.size() &&
+         added.size() <= all_added.size() &&
+         std::equal(added.begin(), added.end(), all_added.begin());
 }

@@ -56,3 +56,15 @@ int stored_rows();
 
 // Every operation on its own and as a large transaction.
 std::vector<Operation> operations();
+
+// Runs it; what the host and the library may throw is what memory running out looks like.
+cr_status_t run_caught(const Operation& operation, World& world);
+
+using Rows = std::vector<std::string>;
+
+// What the directory holds, sorted: the rows of both databases and its record. What is wrong with
+// the databases goes to `faults`.
+Rows rows_of(const std::string& dir, intact::Faults& faults);
+
+// Whether a failed operation may have left these: all or nothing; by lines, a first part.
+bool may_leave(const Operation& operation, const Rows& rows, const Rows& before, const Rows& after);

@@ -36,22 +36,15 @@ void operator delete(void* block, std::size_t) noexcept { operator delete(block)
 
 namespace {
 
-// What is held at a moment.
-struct Holdings {
-  std::multiset<std::string> descriptors;
-  std::set<std::string> temporary;
-  sqlite3_int64 of_sqlite;
-};
-
-// The listing's own descriptor is there each time.
-Holdings holdings(const std::string& temporary) {
-  Holdings held{{}, {}, sqlite3_memory_used()};
+// What is held at a moment; the listing's own descriptor is there each time.
+std::multiset<std::string> holdings(const std::string& temporary) {
+  std::multiset<std::string> held = {"SQLite's memory " + std::to_string(sqlite3_memory_used())};
   for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
     std::error_code gone;
-    held.descriptors.insert(fs::read_symlink(entry, gone));
+    held.insert("descriptor of " + fs::read_symlink(entry, gone).string());
   }
   for (const auto& entry : fs::recursive_directory_iterator(temporary)) {
-    held.temporary.insert(entry.path());
+    held.insert("file " + entry.path().string());
   }
   return held;
 }
@@ -60,16 +53,16 @@ Holdings holdings(const std::string& temporary) {
 template <class Act>
 std::string kept_by(const std::string& temporary, const Act& act) {
   act(), act();
-  const Holdings before = holdings(temporary);
+  const auto before = holdings(temporary);
   const long blocks = live_blocks;
   act(), act();
   const long kept_blocks = live_blocks - blocks;
-  const Holdings after = holdings(temporary);
-  std::string kept;
-  if (after.descriptors != before.descriptors) kept += " descriptors";
-  if (after.temporary != before.temporary) kept += " temporary files";
-  if (after.of_sqlite != before.of_sqlite) kept += " memory of SQLite";
-  if (kept_blocks != 0) kept += " blocks of memory: " + std::to_string(kept_blocks);
+  const auto after = holdings(temporary);
+  std::string kept = kept_blocks != 0 ? "blocks " + std::to_string(kept_blocks) : "";
+  std::vector<std::string> changed;
+  std::set_symmetric_difference(before.begin(), before.end(), after.begin(), after.end(),
+                                std::back_inserter(changed));
+  for (const std::string& thing : changed) kept += " " + thing;
   return kept;
 }
 
@@ -87,6 +80,32 @@ void replace_by_garbage(const std::string& directory) {
 
 class Leaks : public CatalogTest {
  protected:
+  void prepare_commands() {
+    add_file("img");
+    write("below/file", "content");
+    write_file(temp_.path("journal"), "UPDATE registry SET value = '1';\n");
+    setenv("TMPDIR", temporary_.path().c_str(), 1);
+  }
+  void TearDown() override { unsetenv("TMPDIR"), CatalogTest::TearDown(); }
+
+  std::vector<std::string> commands(const std::string& root) const {
+    const std::string image = root + " 5/client/policy";
+    const std::string apply = root + "/5/client/policy/po.db " + temp_.path("journal");
+    const std::string ingest = "ingest " + source_ + " --root " + root;
+    return {"ls " + image,
+            "show " + image + "/img",
+            "find " + root + " *",
+            "stats " + root,
+            "verify " + root,
+            "dcids " + image + "/img",
+            "check " + root,
+            "rm " + image + "/gone",
+            ingest + " --dsid 5 --client client --policy policy --threads 1",
+            "retention show " + image + "/img",
+            "journal apply " + apply,
+            "journal apply --dry-run " + apply};
+  }
+
   const TempDir temporary_;
 };
 
@@ -116,70 +135,36 @@ TEST_F(Leaks, leave_nothing_behind_in_the_library) {
   std::printf("[ figures ] %d operations, done and failed, keep nothing\n", cases);
 }
 
-// Each also on a catalog that is not there, and on garbage.
-constexpr const char* kCommands[] = {
-    "ls ROOT 5/client/policy",
-    "show ROOT 5/client/policy/img",
-    "find ROOT *",
-    "stats ROOT",
-    "verify ROOT",
-    "dcids ROOT 5/client/policy/img",
-    "check ROOT",
-    "rm ROOT 5/client/policy/gone",
-    "ingest SOURCE --root ROOT --dsid 5 --client client --policy policy --threads 1",
-    "retention show ROOT 5/client/policy/img",
-    "journal apply ROOT/5/client/policy/po.db JOURNAL",
-    "journal apply --dry-run ROOT/5/client/policy/po.db JOURNAL"};
-
-std::vector<std::string> words_of(std::string line, const std::string& root,
-                                  const std::string& temporary) {
-  for (const auto& [word, value] : {std::pair<std::string, std::string>{"ROOT", root},
-                                    {"SOURCE", temporary + "/source"},
-                                    {"JOURNAL", temporary + "/journal"}}) {
-    for (auto at = line.find(word); at != std::string::npos; at = line.find(word, at)) {
-      line.replace(at, word.size(), value);
-    }
-  }
-  std::istringstream words(line);
-  return {std::istream_iterator<std::string>(words), {}};
-}
-
 TEST_F(Leaks, leave_nothing_behind_in_the_command) {
-  add_file("img");
-  setenv("TMPDIR", temporary_.path().c_str(), 1);
-  fs::create_directories(temporary_.path("source/below"));
-  std::ofstream(temporary_.path("source/below/file")) << "content";
-  std::ofstream(temporary_.path("journal")) << "UPDATE registry SET value = '1';\n";
-  const std::string garbage = temp_.path("garbage"), missing = temp_.path("missing");
+  prepare_commands();
+  const std::string garbage = temp_.path("garbage");
   fs::create_directories(garbage + "/" + image_);
   replace_by_garbage(garbage + "/" + image_);
-  for (const char* line : kCommands) {
-    for (const std::string& root : {root_, garbage, missing}) {
-      const auto words = words_of(line, root, temporary_.path());
+  for (const std::string& root : {root_, garbage, temp_.path("missing")}) {
+    for (const std::string& line : commands(root)) {
       Outcome outcome{};
-      const std::string kept = kept_by(temporary_.path(), [&] { outcome = run_command(words); });
-      EXPECT_EQ(kept, "") << line << " in " << root << "\n" << outcome.err;
+      const std::string kept = kept_by(temporary_.path(), [&] { outcome = command(line); });
+      EXPECT_EQ(kept, "") << line << "\n" << outcome.err;
       EXPECT_NE(outcome.status, cli::kUsage) << line << outcome.err;
     }
   }
-  unsetenv("TMPDIR");
 }
 
 TEST_F(Leaks, are_seen) {
   const auto kept = [this](const auto& act) { return kept_by(temporary_.path(), act); };
   std::vector<std::unique_ptr<int>> blocks;
-  EXPECT_NE(kept([&] { blocks.push_back(std::make_unique<int>()); }), "");
+  EXPECT_EQ(kept([&] { blocks.push_back(std::make_unique<int>()); }), "blocks 2");
   std::vector<int> descriptors;
-  EXPECT_EQ(kept([&] { descriptors.push_back(dup(0)); }).substr(0, 12), " descriptors");
+  EXPECT_THAT(kept([&] { descriptors.push_back(dup(0)); }), testing::HasSubstr(" descriptor"));
   for (const int descriptor : descriptors) close(descriptor);
   int files = 0;
-  EXPECT_EQ(kept([&] { std::ofstream(temporary_.path(std::to_string(++files))); }).substr(0, 16),
-            " temporary files");
+  EXPECT_THAT(kept([&] { std::ofstream(temporary_.path(std::to_string(++files))); }),
+              testing::HasSubstr(" file"));
 }
 
 // While a connection of this process is open, every command leaves its descriptors alone.
 TEST_F(Leaks, close_no_database_beside_SQLite) {
-  add_file("img");
+  prepare_commands();
   std::vector<std::unique_ptr<sqlite3, decltype(&sqlite3_close)>> open_databases;
   SQLiteULDB(full(image_), 0).begin_transaction();
   for (const std::string& file : {database(image_), full(image_) + "/ul.db"}) {
@@ -188,11 +173,8 @@ TEST_F(Leaks, close_no_database_beside_SQLite) {
     open_databases.emplace_back(db, &sqlite3_close);
     sqlite3_exec(db, "SELECT * FROM sqlite_master", nullptr, nullptr, nullptr);
   }
-  fs::create_directories(temporary_.path("source"));
-  std::ofstream(temporary_.path("source/file")) << "content";
-  std::ofstream(temporary_.path("journal")) << "UPDATE registry SET value = '1';\n";
-  for (const char* line : kCommands) {
-    run_command(words_of(line, root_, temporary_.path()));
+  for (const std::string& line : commands(root_)) {
+    command(line);
     EXPECT_THAT(closed_beside_sqlite(), testing::IsEmpty()) << line;
   }
   EXPECT_GT(opened_by_sqlite(), 10);
