@@ -6,7 +6,6 @@
 #include "podb/sqlite_podb.h"
 #include "tests/damage/subject.h"
 #include "tests/support/records.h"
-#include "tests/support/temp_dir.h"
 
 namespace {
 
@@ -18,7 +17,7 @@ std::string name_of(std::size_t row) {
 
 class PoSubject : public Subject {
  public:
-  PoSubject() {
+  PoSubject() : Subject("/po.db") {
     store(0);
     SQLitePODB db(root_.path(), dir_);
     for (std::size_t row = 0; row < kRows; ++row) {
@@ -44,8 +43,6 @@ class PoSubject : public Subject {
     return answers_;
   }
 
-  bool verify_reports() const override { return verify_finds_faults(root_.path()); }
-
   std::string raw_rows() const override {
     return raw_columns(file(), "SELECT basename, poid, content FROM po NOT INDEXED");
   }
@@ -53,7 +50,6 @@ class PoSubject : public Subject {
     return {name_of(row), make_poid(row)};
   }
   void change_all() override { store(kRows); }
-  std::string file() const override { return dir_ + "/po.db"; }
 
  private:
   void store(std::size_t first_poid) const {
@@ -116,13 +112,9 @@ class PoSubject : public Subject {
     std::vector<std::string> names;
     if (!note(db.find_by_cursor("", &names, 0))) return;
     if (names.size() != kRows) answers_.absent = true;
-    for (const std::string& name : names) {
-      if (truth_.count(name) == 0) answers_.unchecked = true;
-    }
+    for (const std::string& name : names) answers_.unchecked |= truth_.count(name) == 0;
   }
 
-  const TempDir root_;
-  const std::string dir_ = root_.path("5/c/p");
   std::map<std::string, std::string> truth_;
   Answers answers_;
 };

@@ -1,6 +1,5 @@
 #include "tests/damage/subject.h"
 
-#include <sqlite3.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -9,6 +8,7 @@
 
 #include "cli/verify_database.h"
 #include "refhost/control.h"
+#include "tests/support/intact.h"
 
 namespace {
 bool told = false;
@@ -16,22 +16,20 @@ bool told = false;
 
 std::string raw_columns(const std::string& file, const std::string& sql) {
   std::string all;
+  intact::Faults faults;
   sqlite3* db = nullptr;
-  sqlite3_stmt* rows = nullptr;
-  int rc = sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr);
-  if (rc == SQLITE_OK) rc = sqlite3_prepare_v2(db, sql.c_str(), -1, &rows, nullptr);
-  while (rc == SQLITE_OK || rc == SQLITE_ROW) {
-    rc = sqlite3_step(rows);
-    for (int i = 0; rc == SQLITE_ROW && i < sqlite3_column_count(rows); ++i) {
-      const auto* bytes = static_cast<const char*>(sqlite3_column_blob(rows, i));
-      const auto size = static_cast<std::size_t>(sqlite3_column_bytes(rows, i));
-      all += std::to_string(size) + ":" + (bytes != nullptr ? std::string(bytes, size) : "NULL");
+  sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr);
+  intact::each_row(db, sql, faults, [&all](sqlite3_stmt* row) {
+    for (int i = 0; i < sqlite3_column_count(row); ++i) {
+      const std::string value = intact::text(row, i);
+      all += std::to_string(value.size()) + ":" + value;
     }
-  }
-  sqlite3_finalize(rows);
+  });
   sqlite3_close(db);
-  return rc == SQLITE_DONE ? all : "an error after " + all;
+  return faults.empty() ? all : "an error after " + all;
 }
+
+bool Subject::verify_reports() const { return verify_finds_faults(root_.path()); }
 
 bool verify_finds_faults(const std::string& root) {
   std::ostringstream out;

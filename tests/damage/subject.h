@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/temp_dir.h"
+
 // What came back from a damaged database.
 struct Answers {
   bool refused = false;    // an operation failed: SQLite found the damage
@@ -25,7 +27,7 @@ class Subject {
 
   // Asks for some rows by key and, where such a page is damaged, for everything.
   virtual Answers ask(const std::vector<std::size_t>& rows, char page_kind) = 0;
-  virtual bool verify_reports() const = 0;
+  bool verify_reports() const;
 
   // The rows of the table, past its indexes and past the library.
   virtual std::string raw_rows() const = 0;
@@ -35,7 +37,16 @@ class Subject {
   // Gives the rows other contents.
   virtual void change_all() = 0;
 
-  virtual std::string file() const = 0;
+  std::string file() const { return dir_ + name_; }
+
+ protected:
+  explicit Subject(const char* name) : name_(name) {}
+
+  const TempDir root_;
+  const std::string dir_ = root_.path("5/c/p");
+
+ private:
+  const char* const name_;
 };
 
 constexpr std::size_t kRows = 500;

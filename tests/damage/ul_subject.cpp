@@ -3,7 +3,6 @@
 
 #include "tests/damage/subject.h"
 #include "tests/support/records.h"
-#include "tests/support/temp_dir.h"
 #include "uldb/sqlite_uldb.h"
 
 namespace {
@@ -21,7 +20,7 @@ cr_status_t take(const char* poid, UDCIDRecord* list) {
 
 class UlSubject : public Subject {
  public:
-  UlSubject() {
+  UlSubject() : Subject("/ul.db") {
     std::filesystem::create_directories(dir_);
     store(0);
     walked.clear();
@@ -57,14 +56,11 @@ class UlSubject : public Subject {
     return answers;
   }
 
-  bool verify_reports() const override { return verify_finds_faults(root_.path()); }
-
   std::string raw_rows() const override {
     return raw_columns(file(), "SELECT poid, udcids FROM utable NOT INDEXED");
   }
   std::vector<std::string> keys(std::size_t row) const override { return {make_poid(row)}; }
   void change_all() override { store(1000); }
-  std::string file() const override { return dir_ + "/ul.db"; }
 
  private:
   void store(std::uint64_t first_container) const {
@@ -83,8 +79,6 @@ class UlSubject : public Subject {
     if (found == truth_.end() || found->second != list) answers.wrong = poid;
   }
 
-  const TempDir root_;
-  const std::string dir_ = root_.path("5/c/p");
   std::map<std::string, std::string> truth_;
 };
 
