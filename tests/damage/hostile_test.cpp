@@ -240,8 +240,8 @@ TEST(HostileFiles, get_a_specified_answer_soon_and_with_little_memory) {
       hostile.make(dir + "/" + name);
       sqlite3_memory_highwater(1);
       const std::clock_t start = std::clock();  // of the processor: others may keep it busy
-      const Statuses statuses = name == "po.db" ? use_entries(root.path(), dir) : use_lists(dir);
       verify_finds_faults(root.path());
+      const Statuses statuses = name == "po.db" ? use_entries(root.path(), dir) : use_lists(dir);
       const double took = static_cast<double>(std::clock() - start) / CLOCKS_PER_SEC;
       const sqlite3_int64 memory = sqlite3_memory_highwater(0);
       for (const cr_status_t status : statuses) EXPECT_EQ(kSpecified.count(status), 1U) << status;
