@@ -43,7 +43,6 @@ TEST_F(Updates, make_directories_with_their_parents_and_count_new_ones) {
   const std::string record = dir + "/__dirpo__";
   DirPO stored(5);
   EXPECT_EQ(stored.load(&db, dir), 0U) << "the default";
-  EXPECT_EQ(text_of(stored.record()), "5|/c|d|1" + std::string(kDefaultDirText).substr(5));
   for (const unsigned int count : {11U, 12U}) {
     EXPECT_EQ(update_dir('N') + update_dir('N'), 0U);
     EXPECT_EQ(info.dir_count, count);
@@ -62,12 +61,11 @@ TEST_F(Updates, remove_directories_unless_their_database_may_hold_rows) {
     EXPECT_EQ(update_dir('N'), 0U);
     EXPECT_EQ(update_dir('D', ""), 47U) << "without a name it would take its parent along";
     EXPECT_EQ(update_dir('D', "c", "/../5"), 47U) << "it would leave its data store";
-    if (content.find("row") == std::string::npos) {
-      write_file(file, content);
-    } else {
-      EXPECT_EQ(db.put(std::make_unique<FilePO>("/r", "/r/5/f", 5).get()), CR_STATUS_OK);
-      EXPECT_TRUE(kept || db.del("f") == CR_STATUS_OK);
-    }
+    FilePO row(file_text("f"));
+    const bool is_database = content == "a row" || content == "no row";
+    if (!is_database) write_file(file, content);
+    EXPECT_EQ(is_database ? db.put(&row) : 0, CR_STATUS_OK);
+    EXPECT_EQ(is_database && !kept ? db.del("f") : 0, CR_STATUS_OK);
     info.dir_count = 10;
     EXPECT_EQ(update_dir('D'), 0U);
     EXPECT_EQ(info.dir_count, 9U);
@@ -76,9 +74,6 @@ TEST_F(Updates, remove_directories_unless_their_database_may_hold_rows) {
     db.close_db(0);
     fs::remove_all(dir);
   }
-  EXPECT_EQ(update_dir('D'), 2U);
-  EXPECT_EQ(info.dir_count, 9U);
-  log.clear();
 }
 
 enum Before { kNothing, kRow, kImmutable, kBadSum };

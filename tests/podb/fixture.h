@@ -1,10 +1,9 @@
 // The store of the catalog directory 5/c/p, and its file seen from outside.
 #pragma once
 
-#include <filesystem>
-
 #include "po/file_po.h"
 #include "refhost/control.h"
+#include "tests/support/files.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/raw_database.h"
 #include "tests/support/records.h"
@@ -39,8 +38,7 @@ class StoreTest : public testing::Test {
   RawRows sql(const std::string& text) const { return raw_sql(file, text); }
 
   const TempDir root;
-  const std::string dir = root.path("5/c/p");
-  const std::string file = dir + "/po.db";
+  const std::string dir = root.path("5/c/p"), file = dir + "/po.db";
   LogCapture log;
   SpyPODB db{root.path(), dir};
 };

@@ -66,9 +66,9 @@ TEST_F(ApplyJournal, RestoresInOneBatchOrLineByLineAndTellsWhatItCouldNotRun) {
     EXPECT_NE(told.find(c.told), std::string::npos) << told;
     EXPECT_EQ(ids(), c.ids);
   }
-  log.clear();
   EXPECT_EQ(exec_file(dir.path(), true), CR_STATUS_FAILED);
   log.expect_error(CR_STATUS_FAILED, "Failed to load the contents of " + dir.path());
+  log.clear();
 }
 
 TEST_F(ApplyJournal, CutAtAnyByteKeepsItsWholeLinesAndTellsOfAFailedOne) {
@@ -76,7 +76,7 @@ TEST_F(ApplyJournal, CutAtAnyByteKeepsItsWholeLinesAndTellsOfAFailedOne) {
   const std::string journal = line + "REPLACE INTO t VALUES (2, '\"');\n";
   for (std::size_t cut = 0; cut <= journal.size(); ++cut) {
     for (const bool whole_first : {false, true}) {
-      SCOPED_TRACE(std::to_string(cut) + (whole_first ? " in a batch" : " by line"));
+      SCOPED_TRACE(cut);
       start_afresh();
       const cr_status_t status = replay(journal.substr(0, cut), whole_first);
       const std::size_t end = cut + (whole_first ? 2 : 1);  // a batch bears a missing ";"
