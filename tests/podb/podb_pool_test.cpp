@@ -56,10 +56,8 @@ TEST_F(PodbPool, commits_in_the_order_of_directories_up_to_the_first_failure) {
   EXPECT_EQ(pool.commit_all(), CR_STATUS_FAILED);
   log.expect_error(4, "commit_all: Failed to commit transaction for " + root.path("b"));
   log.clear();
-  EXPECT_TRUE(database("c")->is_transaction_active(nullptr));
   EXPECT_FALSE(database("a")->is_transaction_active(nullptr));
-  EXPECT_EQ(b->rollback_transaction() + pool.commit_all() + pool.close_all(), CR_STATUS_OK);
-  EXPECT_FALSE(database("c")->is_transaction_active(nullptr) || pool.exists_po(root.path("b/f")));
+  EXPECT_TRUE(database("c")->is_transaction_active(nullptr));
 }
 
 // Writers take turns at a directory, which has two spellings; the pool, at the directories of

@@ -146,8 +146,6 @@ TEST_F(Retention, NeedsTheClockOfTheMountPointForLocksAndTheirReports) {
                 "get_compclk: compliance clock mount point is not existing"},
                {"/opt/s", "/opt/s", CR_STATUS_NOT_PROVIDED, EOPNOTSUPP,
                 "get_compclk: compliance clock is not enabled"},
-               {"/opt/q", "/opt/q", CR_STATUS_FAILED, 0,
-                "get_compclk: fail to get compliance clock on mount point (/opt/q), errno=0"},
                {"/opt/f", "/opt/f", CR_STATUS_FAILED, EIO,
                 "get_compclk: fail to get compliance clock on mount point (/opt/f), errno=5"}};
   store(9999);

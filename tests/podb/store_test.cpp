@@ -61,15 +61,12 @@ TEST_F(Store, refuses_writes_after_a_lost_transaction_until_it_is_rolled_back) {
   log.clear();
 }
 
-TEST_F(Store, may_be_used_first_by_two_threads) {
-  for (const char* name : {"a", "b", "c", "d", "e"}) {
-    SQLitePODB shared(root.path(), root.path(name));
-    cr_status_t result = -1;
-    std::thread other([&] { result = shared.check_db_existence(true); });
-    EXPECT_EQ(shared.check_db_existence(true), CR_STATUS_OK);
-    other.join();
-    EXPECT_EQ(result, CR_STATUS_OK);
-  }
+TEST_F(Store, may_be_used_first_by_many_threads) {
+  SQLitePODB shared(root.path(), dir);
+  const auto use = [&] { EXPECT_EQ(shared.check_db_existence(true), CR_STATUS_OK); };
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 8; ++i) threads.emplace_back(use);
+  for (std::thread& thread : threads) thread.join();
 }
 
 // A statement of 2047 bytes is run; a longer one, which is cut there, fails.
@@ -107,8 +104,6 @@ TEST_F(Store, leaves_damaged_rows_out_of_listings_and_keeps_what_they_may_use) {
   EXPECT_EQ(affected.size(), 10239U);
   EXPECT_EQ(leaks.size(), 10238U) << "a damaged row protects its data";
   EXPECT_EQ(users, 8U);
-  db.failing = "SELECT poid";
-  EXPECT_EQ(db.double_check(&affected, &found, &leaks, &users), CR_STATUS_BUSY);
   log.clear();
 }
 

@@ -52,15 +52,6 @@ TEST_F(Connection, maps_a_failure_and_throws_corruption_alone) {
   log.expect_info(CR_STATUS_NONE, "[DBERR 0000000B]: database disk image is malformed");
 }
 
-TEST_F(Connection, that_is_none_says_so_and_none_takes_a_failure_for_an_answer) {
-  unsigned long rows = 0;
-  EXPECT_EQ(db.exec("", nullptr) + db.rollback_transaction(), 2 * CR_STATUS_NOT_FOUND);
-  for (int i = 0; i < 2; ++i) log.expect_error(CR_STATUS_NOT_FOUND, file + " is not opened.");
-  open_with_rows();
-  EXPECT_EQ(db.count_in_table("gone", &rows), CR_STATUS_FAILED);
-  log.expect_error(CR_STATUS_FAILED, "count_in_table: faile to exec (SELECT COUNT(*) FROM gone;) ");
-}
-
 TEST_F(Connection, is_made_for_a_missing_or_an_empty_file_only_and_leaves_none_without_schema) {
   fs::create_symlink(file, file);  // a loop, which cannot be examined
   EXPECT_EQ(db.checkopen(), CR_STATUS_BAD_DATA);
@@ -95,8 +86,13 @@ TEST_F(Connection, waits_for_its_statements_when_closing_and_is_abandoned_then) 
   sqlite3_finalize(statement), sqlite3_close(handle);
 }
 
-TEST_F(Connection, hands_over_rows_when_asked_and_lets_their_exceptions_out) {
+TEST_F(Connection, tells_of_failures_and_hands_over_rows_whose_exceptions_get_out) {
+  EXPECT_EQ(db.exec("", nullptr), CR_STATUS_NOT_FOUND);
+  log.expect_error(CR_STATUS_NOT_FOUND, file + " is not opened.");
   open_with_rows();
+  unsigned long rows = 0;
+  EXPECT_EQ(db.count_in_table("gone", &rows), CR_STATUS_FAILED);
+  log.expect_error(CR_STATUS_FAILED, "count_in_table: faile to exec (SELECT COUNT(*) FROM gone;) ");
   const std::string sql = "bad " + std::string(1020, 'x');
   EXPECT_EQ(db.exec(sql + "x", nullptr), CR_STATUS_FAILED);
   log.expect_error(4, file + ": failed to execute [[[\"" + sql.substr(0, 1020) +
