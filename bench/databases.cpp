@@ -49,6 +49,16 @@ void BareDatabase::exec_all(const std::vector<std::string>& statements) {
   for (const std::string& sql : statements) exec(sql);
 }
 
+void create_tables(BareDatabase& db) {
+  db.exec_all({"BEGIN IMMEDIATE TRANSACTION;",
+               "CREATE TABLE IF NOT EXISTS po (    basename TEXT  PRIMARY KEY,    poid TEXT,    "
+               "content TEXT,    crc INT)",
+               "CREATE INDEX IF NOT EXISTS po_poid ON po(poid)",
+               "CREATE TABLE IF NOT EXISTS registry (    name TEXT PRIMARY KEY,    value TEXT)",
+               "COMMIT TRANSACTION;",
+               "INSERT OR REPLACE INTO registry VALUES ('db_version', '1')"});
+}
+
 BareStatement::BareStatement(BareDatabase& database, const char* sql) {
   check(database.handle(), sqlite3_prepare_v2(database.handle(), sql, -1, &statement_, nullptr),
         sql);
@@ -141,7 +151,9 @@ int RowCheck::take(void* context, int columns, char** values, char**) {
   PORecord own(check.into == nullptr ? POCreate() : nullptr);
   _po_t* const record = check.into == nullptr ? own.get() : check.into;
   if (POSetFromString(record, values[2]) != 0) return 1;
-  if (!POIDStringValidate(POGetHashRef(record)) || POSetDsid(record, 1) != 0) return 1;
+  const char* const poid = POGetHashRef(record);
+  if (*poid != 0 && !POIDStringValidate(poid)) return 1;
+  if (POSetDsid(record, 1) != 0) return 1;
   const std::string inner = std::string("/client/policy/") + values[0];
   if (POSetPath(record, inner.c_str()) != 0) return 1;
   if (check.keep != nullptr) check.keep->push_back(std::move(own));

@@ -42,6 +42,9 @@ class BareDatabase {
   sqlite3* db_ = nullptr;
 };
 
+// The tables of a new po.db, in the transactions of the library.
+void create_tables(BareDatabase& db);
+
 // A prepared statement of a bare connection.
 class BareStatement {
  public:

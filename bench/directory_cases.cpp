@@ -35,16 +35,6 @@ void first_rows_by_library(Directories& directories) {
   }
 }
 
-void create_tables(BareDatabase& db) {
-  db.exec_all({"BEGIN IMMEDIATE TRANSACTION;",
-               "CREATE TABLE IF NOT EXISTS po (    basename TEXT  PRIMARY KEY,    poid TEXT,    "
-               "content TEXT,    crc INT)",
-               "CREATE INDEX IF NOT EXISTS po_poid ON po(poid)",
-               "CREATE TABLE IF NOT EXISTS registry (    name TEXT PRIMARY KEY,    value TEXT)",
-               "COMMIT TRANSACTION;",
-               "INSERT OR REPLACE INTO registry VALUES ('db_version', '1')"});
-}
-
 void first_rows_by_floor(Directories& directories) {
   for (std::size_t i = 0; i < directories.paths.size(); ++i) {
     must(static_cast<unsigned long>(wa_createtree(directories.paths[i].c_str(), 0700)), "mkdir");

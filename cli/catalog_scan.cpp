@@ -1,47 +1,85 @@
 #include "cli/catalog_scan.h"
 
 #include "cli/dir_list.h"
+#include "cli/ordered_work.h"
 #include "cli/row_pager.h"
 
 namespace cli {
 
-bool CatalogScan::walk(const CatalogPath& top,
-                       const std::function<void(const CatalogPath&)>& visit) {
-  const cr_status_t status = check_directory(top);
-  if (status != CR_STATUS_OK) {
-    report(console_, top.full(), status, unreached_text(status));
-    return false;
-  }
-  walk_directories(top, visit, [this](const CatalogPath& directory, cr_status_t failure) {
-    if (is_there(directory.full())) unread(directory.full(), failure);  // else removed meanwhile
-  });
+bool CatalogScan::walk(const CatalogPath& top, const Visit& visit) {
+  if (!is_reachable(top)) return false;
+  walk_directories(
+      top, [&](const CatalogPath& directory) { visit(console_, directory); },
+      [&](const CatalogPath& directory, cr_status_t status) {
+        unlisted(console_, directory, status);
+      });
   return true;
 }
 
-void CatalogScan::read_rows(
-    const CatalogPath& directory, const std::string& condition,
-    const std::function<void(const std::string&, const refhost::RecordFields&)>& take) {
+bool CatalogScan::walk_by_threads(const CatalogPath& top, const Visit& visit) {
+  if (!is_reachable(top)) return false;
+  OrderedWork work(console_);
+  walk_directories(
+      top,
+      [&](const CatalogPath& directory) {
+        work.add([directory, &visit](const Console& console) { visit(console, directory); });
+      },
+      [&](const CatalogPath& directory, cr_status_t status) {
+        work.add_in_turn([=](const Console& console) { unlisted(console, directory, status); });
+      });
+  work.finish();
+  return true;
+}
+
+bool CatalogScan::is_reachable(const CatalogPath& top) {
+  const cr_status_t status = check_directory(top);
+  if (status != CR_STATUS_OK) report(console_, top.full(), status, unreached_text(status));
+  return status == CR_STATUS_OK;
+}
+
+void CatalogScan::unlisted(const Console& console, const CatalogPath& directory,
+                           cr_status_t status) {
+  if (is_there(directory.full())) unread(console, directory.full(), status);  // else just removed
+}
+
+void CatalogScan::read_rows(const Console& console, const CatalogPath& directory,
+                            const std::string& condition,
+                            const std::function<void(const std::string&, const _po_t*)>& take) {
   RowPager rows(directory, condition);
   while (const Row* row = rows.next()) {
-    if (row->entry) {
-      take(row->name, refhost::get_fields(row->entry->record()));
+    if (row->entry != nullptr) {
+      take(row->name, row->entry->record());
     } else {
-      damaged(directory.child(row->name).full(), "the entry is damaged: see pocatalog verify");
+      damaged(console, directory.child(row->name).full(),
+              "the entry is damaged: see pocatalog verify");
     }
   }
-  if (rows.status() != CR_STATUS_OK) unread(directory.full(), rows.status());
+  if (rows.status() != CR_STATUS_OK) unread(console, directory.full(), rows.status());
 }
 
-void CatalogScan::damaged(const std::string& path, const std::string& text) {
-  damaged_ = true;
-  report(console_, path, CR_STATUS_OK, text);
+void CatalogScan::damaged(const Console& console, const std::string& path,
+                          const std::string& text) {
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    damaged_ = true;
+  }
+  report(console, path, CR_STATUS_OK, text);
 }
 
-void CatalogScan::unread(const std::string& path, cr_status_t status) {
-  (status == CR_STATUS_CORRUPT ? damaged_ : unread_) = true;
-  if (path == last_unread_) return;  // its rows and its subdirectories fail alike
-  last_unread_ = path;
-  report(console_, path, status, "cannot be read");
+void CatalogScan::unread(const Console& console, const std::string& path, cr_status_t status) {
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    (status == CR_STATUS_CORRUPT ? damaged_ : unread_) = true;
+    if (!reported_.insert(path).second) return;
+  }
+  report(console, path, status, "cannot be read");
+}
+
+void CatalogScan::count(const std::string& path, int exit_status) {
+  if (exit_status == kDone) return;
+  const std::lock_guard<std::mutex> lock(mutex_);
+  (exit_status == kInconsistent ? damaged_ : unread_) = true;
+  reported_.insert(path);
 }
 
 int CatalogScan::exit_status() const {

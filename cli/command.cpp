@@ -32,6 +32,9 @@ bool shows_as_itself(char32_t code_point) {
   });
 }
 
+// Nearly every name is of such bytes only, and need not be looked at by characters.
+bool is_plain(char byte) { return byte >= ' ' && byte <= '~' && byte != '\\'; }
+
 void append_escaped(std::string& out, std::string_view bytes) {
   for (const char byte : bytes) {
     out += fmt::format("\\x{:02x}", static_cast<unsigned char>(byte));
@@ -61,6 +64,7 @@ void report(const Console& console, const std::string& path, cr_status_t status,
 }
 
 std::string printable(const std::string& name) {
+  if (std::all_of(name.begin(), name.end(), is_plain)) return name;
   std::string shown;
   std::string_view rest = name;
   while (!rest.empty()) {

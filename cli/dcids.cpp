@@ -61,17 +61,18 @@ int list_of_content(const Console& console, const std::string& root, const std::
   CatalogScan scan(console);
   UDCIDRecord list;
   bool found = false;
-  const bool walked = scan.walk({absolute_root(root), {}}, [&](const CatalogPath& directory) {
-    if (found) return;
-    const cr_status_t status = read_list(directory, poid, &list);
-    const std::string file = directory.child(SQLiteULDB::dbfilename()).full();
-    found = status == CR_STATUS_OK;
-    if (status == CR_STATUS_BAD_DATA) {
-      scan.damaged(file, "its list of this content is damaged");
-    } else if (!found && status != CR_STATUS_NOT_FOUND) {
-      scan.unread(file, status);
-    }
-  });
+  const bool walked =
+      scan.walk({absolute_root(root), {}}, [&](const Console&, const CatalogPath& directory) {
+        if (found) return;
+        const cr_status_t status = read_list(directory, poid, &list);
+        const std::string file = directory.child(SQLiteULDB::dbfilename()).full();
+        found = status == CR_STATUS_OK;
+        if (status == CR_STATUS_BAD_DATA) {
+          scan.damaged(console, file, "its list of this content is damaged");
+        } else if (!found && status != CR_STATUS_NOT_FOUND) {
+          scan.unread(console, file, status);
+        }
+      });
   if (!walked) return kFailed;
   if (found) return print_list(console, &list);
   if (scan.exit_status() != kDone) return scan.exit_status();

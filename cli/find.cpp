@@ -50,8 +50,9 @@ struct Wanted {
   std::optional<SizeBound> size;
   std::optional<std::int64_t> newer;
 
-  bool admits(const refhost::RecordFields& fields) const {
-    return (!size || size->admits(fields.size)) && (!newer || signed_time(fields.mtime) > *newer);
+  bool admits(const _po_t* record) const {
+    return (!size || size->admits(POGetSize(record))) &&
+           (!newer || signed_time(refhost::get_fields(record).mtime) > *newer);
   }
 };
 
@@ -83,12 +84,12 @@ int understand(const Console& console, const FindOptions& options, Wanted* wante
   return kDone;
 }
 
-void print_file(const Console& console, bool nul, const std::string& path,
-                const refhost::RecordFields& fields) {
+void print_file(const Console& console, bool nul, const std::string& path, const _po_t* record) {
   if (!console.json) {
     console.out << (nul ? path + '\0' : printable(path) + '\n');
     return;
   }
+  const refhost::RecordFields fields = refhost::get_fields(record);
   nlohmann::ordered_json object;
   set_name(object, "path", path);
   object["size"] = fields.size;
@@ -107,13 +108,15 @@ int find(const Console& console, const FindOptions& options) {
   const int understood = understand(console, options, &wanted);
   if (understood != kDone) return understood;
   CatalogScan scan(console);
-  const bool walked = scan.walk(*top, [&](const CatalogPath& directory) {
-    scan.read_rows(directory, wanted.condition,
-                   [&](const std::string& name, const refhost::RecordFields& fields) {
-                     if (!wanted.admits(fields)) return;
-                     print_file(console, options.nul, directory.child(name).inner(), fields);
+  const auto visit = [&](const Console& own, const CatalogPath& directory) {
+    const std::string above = directory.inner() + "/";
+    scan.read_rows(own, directory, wanted.condition,
+                   [&](const std::string& name, const _po_t* record) {
+                     if (!wanted.admits(record)) return;
+                     print_file(own, options.nul, above + name, record);
                    });
-  });
+  };
+  const bool walked = scan.walk_by_threads(*top, visit);
   return walked ? scan.exit_status() : kFailed;
 }
 

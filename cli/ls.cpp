@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 #include <ostream>
 
+#include "cli/catalog_scan.h"
 #include "cli/dir_list.h"
 #include "cli/entry.h"
 #include "cli/format.h"
@@ -27,32 +28,42 @@ nlohmann::ordered_json json_of(const refhost::RecordFields& fields) {
   return object;
 }
 
-void print_entry(const Console& console, const std::string& name, const _po_t* record) {
-  const refhost::RecordFields fields = refhost::get_fields(record);
-  if (console.json) {
-    nlohmann::ordered_json object = json_of(fields);
-    set_name(object, "name", name);
-    return print_line(console, object);
-  }
-  console.out << fmt::format("{} {:>11} {:>12} {:>20} {} {}\n", mode_letters(fields),
-                             printable(fields.owner), fields.size, file_time(fields.mtime),
-                             flag_letters(fields.special_flags), printable(name));
+// A name, and where it stands when more than one directory is listed.
+struct Place {
+  std::string name;
+  const std::string* directory;  // null: it goes without saying
+};
+
+void print_json(const Console& console, nlohmann::ordered_json object, const Place& place) {
+  if (place.directory != nullptr) set_name(object, "directory", *place.directory);
+  set_name(object, "name", place.name);
+  print_line(console, object);
 }
 
-void print_damaged(const Console& console, const std::string& name) {
-  if (console.json) {
-    nlohmann::ordered_json object = {{"type", "damaged"}};
-    set_name(object, "name", name);
-    return print_line(console, object);
-  }
-  console.out << fmt::format("{:<60} {}\n", "(damaged: see pocatalog verify)", printable(name));
+void print_entry(const Console& console, const Place& place, const _po_t* record) {
+  const refhost::RecordFields fields = refhost::get_fields(record);
+  if (console.json) return print_json(console, json_of(fields), place);
+  console.out << fmt::format("{} {:>11} {:>12} {:>20} {} {}\n", mode_letters(fields),
+                             printable(fields.owner), fields.size, file_time(fields.mtime),
+                             flag_letters(fields.special_flags), printable(place.name));
+}
+
+void print_damaged(const Console& console, const Place& place) {
+  if (console.json) return print_json(console, {{"type", "damaged"}}, place);
+  console.out << fmt::format("{:<60} {}\n", "(damaged: see pocatalog verify)",
+                             printable(place.name));
 }
 
 // Lists one directory: merges its rows and its subdirectories.
 class Listing {
  public:
-  Listing(const Console& console, const CatalogPath& directory)
-      : console_(console), directory_(directory), rows_(directory), entries_(directory.full()) {}
+  Listing(const Console& console, const CatalogPath& directory, bool of_many)
+      : console_(console),
+        directory_(directory),
+        inner_(directory.inner()),
+        of_many_(of_many),
+        rows_(directory),
+        entries_(directory.full()) {}
 
   int run() {
     const Row* row = next_row();
@@ -70,6 +81,8 @@ class Listing {
   }
 
  private:
+  Place place(const std::string& name) const { return {name, of_many_ ? &inner_ : nullptr}; }
+
   bool is_root() const { return directory_.components.empty(); }
 
   const Row* next_row() { return is_root() ? nullptr : rows_.next(); }
@@ -85,17 +98,17 @@ class Listing {
   }
 
   void print_row(const Row& row) {
-    if (row.entry) return print_entry(console_, row.name, row.entry->record());
-    print_damaged(console_, row.name);
+    if (row.entry != nullptr) return print_entry(console_, place(row.name), row.entry->record());
+    print_damaged(console_, place(row.name));
     damaged_ = true;
   }
 
   void print_subdirectory(const std::string& name) {
     std::unique_ptr<DirPO> entry;
     const cr_status_t status = read_directory(directory_.child(name), &entry);
-    if (status == CR_STATUS_OK) return print_entry(console_, name, entry->record());
+    if (status == CR_STATUS_OK) return print_entry(console_, place(name), entry->record());
     if (status == CR_STATUS_NOT_FOUND) return;  // removed meanwhile
-    print_damaged(console_, name);
+    print_damaged(console_, place(name));
     damaged_ = true;
   }
 
@@ -114,6 +127,8 @@ class Listing {
 
   const Console& console_;
   const CatalogPath& directory_;
+  const std::string inner_;
+  const bool of_many_;
   RowPager rows_;
   DirPager entries_;
   bool damaged_ = false;
@@ -123,8 +138,26 @@ int list_file(const Console& console, const CatalogPath& path) {
   std::unique_ptr<FilePO> entry;
   const cr_status_t status = read_file(path, &entry);
   if (status != CR_STATUS_OK) return report_unread(console, path, status);
-  print_entry(console, path.leaf(), entry->record());
+  print_entry(console, {path.leaf(), nullptr}, entry->record());
   return kDone;
+}
+
+int list_with_path(const Console& console, const CatalogPath& directory, bool is_first) {
+  const std::string path = directory.components.empty() ? "." : printable(directory.inner());
+  if (!console.json) console.out << (is_first ? "" : "\n") << path << ":\n";
+  return Listing(console, directory, true).run();
+}
+
+int list_all(const Console& console, const CatalogPath& top) {
+  CatalogScan scan(console);
+  const bool is_root = top.components.empty();  // which no walk visits
+  if (is_root) scan.count(top.full(), list_with_path(console, top, true));
+  const std::size_t depth = top.components.size();
+  const bool walked = scan.walk_by_threads(top, [&](const Console& own, const CatalogPath& path) {
+    const bool is_first = !is_root && path.components.size() == depth;
+    scan.count(path.full(), list_with_path(own, path, is_first));
+  });
+  return walked ? scan.exit_status() : kFailed;
 }
 
 }  // namespace
@@ -133,7 +166,8 @@ int ls(const Console& console, const LsOptions& options) {
   const auto path = catalog_path(options.root, options.path);
   if (!path) return report_bad_path(console, options.path);
   const cr_status_t status = check_directory(*path);
-  if (status == CR_STATUS_OK) return Listing(console, *path).run();
+  if (status == CR_STATUS_OK && options.recursive) return list_all(console, *path);
+  if (status == CR_STATUS_OK) return Listing(console, *path, false).run();
   if (path->components.empty() || status != CR_STATUS_NOT_FOUND || names_directory(options.path)) {
     report(console, path->full(), status, unreached_text(status));
     return kFailed;

@@ -3,115 +3,131 @@
 #include <sys/stat.h>
 
 #include <chrono>
+#include <cstdlib>
+#include <string_view>
 #include <thread>
-#include <unordered_map>
 #include <utility>
 
-#include "base/sql_text.h"
+#include "podb/sqlite_podb.h"
 
 namespace cli {
 namespace {
 
-constexpr unsigned long kPage = 512;
+constexpr std::size_t kPage = 512;
 
-std::string quoted(const std::string& name) { return "'" + base::sql_escaped(name) + "'"; }
+// Names that are no texts come before and after all others. The last column is 0 where a damaged
+// index leads back: the walk would go in circles.
+std::string page_statement(const std::string& condition) {
+  return "SELECT basename, poid, content, crc, basename > ?1 FROM po WHERE basename > ?1"
+         " AND typeof(basename) = 'text'" +
+         (condition.empty() ? "" : " AND (" + condition + ")") + " ORDER BY basename LIMIT " +
+         std::to_string(kPage);
+}
 
-// Shows the statements of its scope one state of the database: a row that goes between two of them
-// would look damaged.
-class Snapshot {
- public:
-  explicit Snapshot(SQLitePODB& db) : db_(db), status_(db.exec_sql("BEGIN", nullptr)) {}
-  Snapshot(const Snapshot&) = delete;
-  Snapshot& operator=(const Snapshot&) = delete;
-  ~Snapshot() {
-    if (status_ == CR_STATUS_OK) db_.exec_sql("ROLLBACK", nullptr);  // nothing was written
-  }
-
-  cr_status_t status() const { return status_; }
-
- private:
-  SQLitePODB& db_;
-  const cr_status_t status_;
-};
-
-using Entries = std::unordered_map<std::string, boost::intrusive_ptr<PO>>;
-
-cr_status_t read_range(SQLitePODB* db, const std::string& condition, const std::string& first,
-                       const std::string& last, Entries* entries) {
-  QueryParams range;
-  range.where = condition + " AND basename BETWEEN " + quoted(first) + " AND " + quoted(last);
-  POQueue found;
-  const cr_status_t status = db->select(range, nullptr, &found);
-  for (const auto& entry : found) entries->emplace(POGetBasename(entry->record()), entry);
-  return status;
+// What kNamedRows says, for a name that is a text: much faster than SQL.
+bool is_name(const std::string& name) {
+  return !name.empty() && name != "." && name != ".." &&
+         name.find_first_of(std::string_view("\0/", 2)) == std::string::npos;
 }
 
 }  // namespace
 
 RowPager::RowPager(const CatalogPath& directory, const std::string& condition)
-    : db_(directory.root, directory.full()),
-      condition_(kNamedRows + (condition.empty() ? "" : " AND (" + condition + ")")) {}
+    : root_(directory.root),
+      directory_(directory.full()),
+      file_(directory_ + "/" + SQLitePODB::dbfilename()),
+      sql_(page_statement(condition)),
+      entry_(directory.dsid().value_or(0)) {}
 
 const Row* RowPager::next() {
   if (position_ == page_.size() && !fill()) return nullptr;
-  return &page_[position_++];
+  Stored& stored = page_[position_++];
+  row_.entry = decode(stored) ? &entry_ : nullptr;
+  row_.name = std::move(stored.name);
+  return &row_;
 }
 
 bool RowPager::fill() {
-  if (last_page_) return false;
-  status_ = look();
-  if (status_ == CR_STATUS_OK)
-    status_ = read_page();
-  else
-    page_.clear();
+  page_.clear();
   position_ = 0;
-  last_page_ = status_ != CR_STATUS_OK || page_.size() < kPage;
+  while (page_.empty() && !last_page_) {
+    status_ = statement_ ? CR_STATUS_OK : open();
+    if (status_ == CR_STATUS_OK) status_ = read_page();
+    last_page_ = last_page_ || status_ != CR_STATUS_OK;
+  }
   if (status_ == CR_STATUS_NOT_FOUND) status_ = CR_STATUS_OK;  // no database: no rows
   return !page_.empty();
 }
 
-// The library takes a database that it cannot look at for an empty one. One that is just being made
-// or removed cannot be used for a moment.
-cr_status_t RowPager::look() {
+// An empty file is a database that is just being made, or what a crash left of one.
+cr_status_t RowPager::open() {
   constexpr int kMostLooks = 25;
   constexpr std::chrono::milliseconds kBetweenLooks(20);
-  cr_status_t status = CR_STATUS_OK;
   for (int look = 1; look <= kMostLooks; ++look) {
     struct stat found = {};
-    if (lstat(db_.get_dbfile_path().c_str(), &found) != 0) return status_of_errno("lstat");
-    status = db_.check_db_existence(false);
-    if (status != CR_STATUS_BAD_DATA) return status;
-    std::this_thread::sleep_for(kBetweenLooks);
+    if (stat(file_.c_str(), &found) != 0) return status_of_errno("stat");
+    if (S_ISDIR(found.st_mode)) return CR_STATUS_FAILED;
+    if (!S_ISREG(found.st_mode)) return CR_STATUS_BAD_DATA;
+    if (found.st_size == 0) {
+      std::this_thread::sleep_for(kBetweenLooks);
+      continue;
+    }
+    const int code = connection_.open(file_);
+    if (code != SQLITE_OK) return is_there(file_) ? status_of_sqlite(code) : CR_STATUS_NOT_FOUND;
+    statement_ = std::make_unique<Statement>(connection_, sql_);
+    return CR_STATUS_OK;
   }
-  return status;
+  return CR_STATUS_BAD_DATA;
 }
 
 cr_status_t RowPager::read_page() {
-  std::string where = condition_;
-  if (!page_.empty()) where += " AND basename > " + quoted(page_.back().name);
-  page_.clear();
-  const Snapshot snapshot(db_);
-  if (snapshot.status() != CR_STATUS_OK) return snapshot.status();
-  std::vector<std::string> names;
-  const cr_status_t listed = db_.select_basenames(&names, where, ORDER_ASCENDING, kPage);
-  if (listed != CR_STATUS_OK || names.empty()) return listed;
-  Entries entries;
-  const cr_status_t status = read_range(&db_, condition_, names.front(), names.back(), &entries);
-  if (status != CR_STATUS_OK) return status;
-  for (std::string& name : names) {
-    const auto found = entries.find(name);
-    page_.push_back({std::move(name), found == entries.end() ? nullptr : found->second});
+  statement_->bind(1, last_name_);
+  std::size_t rows = 0;
+  cr_status_t kept = CR_STATUS_OK;
+  int code = statement_->step();
+  for (; code == SQLITE_ROW && kept == CR_STATUS_OK; code = statement_->step(), ++rows) {
+    kept = keep(*statement_);
   }
+  statement_->reset();
+  last_name_ = std::move(last_in_page_);
+  last_page_ = rows < kPage;
+  if (code == SQLITE_DONE || code == SQLITE_ROW) return kept;
+  page_.clear();
+  return status_of_sqlite(code);
+}
+
+cr_status_t RowPager::keep(const Statement& row) {
+  if (row.integer(4) != 1) return CR_STATUS_CORRUPT;
+  const bool text = row.type(0) == SQLITE_TEXT;
+  std::string name = row.bytes(0);
+  last_in_page_ = name;
+  if (!text || !is_name(name)) return CR_STATUS_OK;
+  Stored stored;
+  stored.name = std::move(name);
+  stored.whole =
+      row.type(1) != SQLITE_NULL && row.type(2) != SQLITE_NULL && row.type(3) != SQLITE_NULL;
+  stored.poid = row.bytes(1);
+  stored.content = row.bytes(2);
+  stored.crc = row.bytes(3);
+  page_.push_back(std::move(stored));
   return CR_STATUS_OK;
 }
 
+// The library's own checks of a row.
+bool RowPager::decode(const Stored& stored) {
+  if (!stored.whole) return false;
+  const std::uint32_t crc =
+      SQLitePODB::calculate_crc(stored.name.c_str(), stored.poid.c_str(), stored.content.c_str());
+  if (crc != static_cast<std::uint32_t>(std::strtoull(stored.crc.c_str(), nullptr, 10))) {
+    return false;
+  }
+  return entry_.set(root_, stored.content, directory_ + "/" + stored.name) == 0;
+}
+
 bool RowPager::has_nameless_rows() {
-  if (db_.check_db_existence(false) != CR_STATUS_OK) return false;
-  std::vector<std::string> names;
-  // A name that is NULL fails the query: that is one, too.
-  return db_.select_basenames(&names, std::string("NOT ") + kNamedRows, ORDER_NONE, 1) !=
-             CR_STATUS_OK ||
-         !names.empty();
+  return connection_.handle() != nullptr &&
+         Statement(connection_, std::string("SELECT 1 FROM po WHERE NOT ") + kNamedRows).step() !=
+             SQLITE_DONE;
 }
 
 }  // namespace cli

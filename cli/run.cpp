@@ -86,6 +86,7 @@ void declare_ls(CLI::App& app, Request& request) {
   command->add_option("PATH", options->path,
                       "A directory or a file below ROOT, for example 5/client/policy/etc. Without "
                       "it the data stores are listed");
+  command->add_flag("-R,--recursive", options->recursive, "All directories below, too");
 }
 
 void declare_show(CLI::App& app, Request& request) {

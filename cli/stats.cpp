@@ -37,7 +37,8 @@ class Statistics {
   explicit Statistics(const Console& console) : console_(console), scan_(console) {}
 
   int run(const CatalogPath& top) {
-    if (!scan_.walk(top, [this](const CatalogPath& directory) { add(directory); })) return kFailed;
+    const auto visit = [this](const Console&, const CatalogPath& directory) { add(directory); };
+    if (!scan_.walk(top, visit)) return kFailed;
     ContentTotals contents;
     const cr_status_t status = tally_.count(&contents);
     if (status != CR_STATUS_OK) {
@@ -52,10 +53,12 @@ class Statistics {
   void add(const CatalogPath& directory) {
     if (has_record(directory.full())) ++directories_;
     DirectorySize size{directory.inner()};
-    scan_.read_rows(directory, "", [&](const std::string&, const refhost::RecordFields& fields) {
+    scan_.read_rows(console_, directory, "", [&](const std::string&, const _po_t* record) {
+      const std::uint64_t bytes = POGetSize(record);
+      const std::string poid = POGetHashRef(record);
       ++size.files;
-      size.bytes += fields.size;
-      if (!fields.poid.empty()) tally_.add_file(fields.poid, fields.size);
+      size.bytes += bytes;
+      if (!poid.empty()) tally_.add_file(poid, bytes);
     });
     files_ += size.files;
     bytes_ += size.bytes;
@@ -76,8 +79,8 @@ class Statistics {
       if (list != nullptr) add_containers(list);
     });
     const std::string file = directory.child(SQLiteULDB::dbfilename()).full();
-    if (status != CR_STATUS_OK) scan_.unread(file, status);
-    if (damaged != 0) scan_.damaged(file, "damaged: " + counted(damaged, "list"));
+    if (status != CR_STATUS_OK) scan_.unread(console_, file, status);
+    if (damaged != 0) scan_.damaged(console_, file, "damaged: " + counted(damaged, "list"));
   }
 
   void add_containers(UDCIDRecord* list) {

@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <atomic>
 #include <string>
 #include <string_view>
@@ -16,7 +17,7 @@ namespace {
 
 constexpr mode_t kFileMode = 0644;
 constexpr mode_t kPermissionBits = 07777;
-constexpr std::size_t kReadBlock = 65536;
+constexpr std::size_t kFirstBlock = 1024;  // more than nearly every record needs
 
 bool is_regular(int file) {
   struct stat info {};
@@ -25,11 +26,13 @@ bool is_regular(int file) {
   return S_ISREG(info.st_mode);
 }
 
+// By blocks that double, because what is read into has to be filled first.
 bool read_all(int file, std::string& content) {
   for (;;) {
     const std::size_t length = content.size();
-    content.resize(length + kReadBlock);
-    const ssize_t count = read(file, &content[length], kReadBlock);
+    const std::size_t block = std::max(length, kFirstBlock);
+    content.resize(length + block);
+    const ssize_t count = read(file, &content[length], block);
     content.resize(length + static_cast<std::size_t>(count > 0 ? count : 0));
     if (count == 0) return true;
     if (count < 0 && errno != EINTR) return false;
