@@ -5,7 +5,6 @@
 #include <climits>
 #include <ctime>
 #include <functional>
-#include <set>
 
 #include "libcrsrv/common.h"
 #include "tests/support/files.h"
@@ -39,60 +38,49 @@ namespace {
 
 namespace fs = std::filesystem;
 
-struct Tree : TempDir {
-  explicit Tree(const std::set<std::string>& old_files) {
-    for (const std::string& name : old_files) add(name, 99 * kDay);
-  }
-  void add(const std::string& name, time_t age, const std::string& content = "x") const {
-    write_file(path(name), content);
-    const timespec times[2] = {{kNow - age, 0}, {kNow - age, 0}};
-    EXPECT_EQ(utimensat(AT_FDCWD, path(name).c_str(), times, 0), 0);
-  }
-};
+void add(const std::string& file, time_t age, const std::string& content = "x") {
+  write_file(file, content);
+  const timespec times[2] = {{kNow - age, 0}, {kNow - age, 0}};
+  EXPECT_EQ(utimensat(AT_FDCWD, file.c_str(), times, 0), 0);
+}
 
 TEST(LogCleanup, RemovesExactlyWhatIsOverItsLimit) {
-  const struct {
-    const char* key;
-    int maxdays, descend, emptydays;
-    int (*getdays)(const char* name);
-    std::set<std::string> removed;
-  } cases[] = {
-      {nullptr, 10, 1, 0, nullptr, {"old", "abc/old", "deep/er/abc.old", "deep/er", "deep"}},
-      {nullptr, 10, 0, 3, nullptr, {"old", "empty"}},
-      {nullptr, INT_MAX, 0, INT_MAX, nullptr, {}},
-      {nullptr, 0, 1, 0, ten_for_abc, {"abc/old"}},
-      {"/abc", 10, 1, 0, nullptr, {"abc/old", "deep/er/abc.old", "deep/er", "deep"}},
-      {"", 0, 1, 0, nullptr, {}},
-  };
-  for (const auto& c : cases) {
-    const Tree tree({".hidden", ".dir/old", "abc/old", "deep/er/abc.old"});
-    tree.add("old", 10 * kDay + 1);
-    tree.add("cutoff", 10 * kDay);
-    tree.add("empty", 3 * kDay + 1, "");
-    tree.add("abc/young", 1);
-    fs::create_symlink(".dir", tree.path("link"));
-    auto expected = snapshot(tree.path());
-    for (const std::string& name : c.removed) EXPECT_EQ(expected.erase(tree.path(name)), 1U);
-    if (c.key != nullptr) {
-      SDCleanKeyLogs(tree.path().c_str(), c.key, c.maxdays, c.descend);
-    } else {
-      SDCleanLogs(tree.path().c_str(), c.maxdays, c.descend, c.emptydays, c.getdays);
-    }
-    EXPECT_EQ(snapshot(tree.path()), expected) << "case " << &c - cases;
+  const TempDir dir;
+  for (const char* name : {".hidden", ".dir/old", "abc/old", "key/er/old", "deep/er/old"}) {
+    add(dir.path(name), 99 * kDay);
   }
+  add(dir.path("old"), 10 * kDay + 1);
+  add(dir.path("cutoff"), 10 * kDay);
+  add(dir.path("empty"), 3 * kDay + 1, "");
+  fs::create_symlink(".dir", dir.path("link"));
+  auto expected = snapshot(dir.path());
+  const auto expect_gone = [&](const std::vector<const char*>& names) {
+    for (const char* name : names) EXPECT_EQ(expected.erase(dir.path(name)), 1U) << name;
+    EXPECT_EQ(snapshot(dir.path()), expected);
+  };
+  const char* const root = dir.path().c_str();
+  SDCleanLogs(root, INT_MAX, 0, INT_MAX, nullptr);
+  expect_gone({});
+  SDCleanLogs(root, 0, 1, 0, ten_for_abc);
+  expect_gone({"abc/old", "abc"});
+  SDCleanKeyLogs(root, "/key", 10, 1);
+  expect_gone({"key/er/old", "key/er", "key"});
+  SDCleanLogs(root, 10, 0, 3, nullptr);
+  expect_gone({"old", "empty"});
+  SDCleanLogs(root, 10, 1, 0, nullptr);
+  expect_gone({"deep/er/old", "deep/er", "deep"});
 }
 
 TEST(LogCleanup, DoesNotFollowALinkThatTookTheDirectorysPlace) {
   for (std::function<void()>* const when : {&on_descent, &on_age}) {
-    const Tree tree({"abc/old"});
-    const Tree outside({"abc/old"});
+    const TempDir dir, outside;
+    for (const TempDir* in : {&dir, &outside}) add(in->path("abc/old"), 99 * kDay);
     *when = [&] {
-      fs::rename(tree.path("abc"), outside.path("aside"));
-      fs::create_symlink(outside.path("abc"), tree.path("abc"));
+      fs::rename(dir.path("abc"), outside.path("aside"));
+      fs::create_symlink(outside.path("abc"), dir.path("abc"));
     };
-    SDCleanLogs(tree.path().c_str(), 10, 1, 0, ten_for_abc);
-    EXPECT_TRUE(fs::is_symlink(tree.path("abc")));
-    EXPECT_TRUE(fs::exists(outside.path("abc/old")));
+    SDCleanLogs(dir.path().c_str(), 10, 1, 0, ten_for_abc);
+    EXPECT_TRUE(fs::is_symlink(dir.path("abc")) && fs::exists(outside.path("abc/old")));
   }
 }
 

@@ -1,35 +1,31 @@
-// A stand-in for the attribute library: tells on standard output what reached it.
+// A stand-in for the attribute library: its answers tell what reached it.
 #include <sys/time.h>
 
 #include <cerrno>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 
 namespace {
-const char* text(const void* argument) { return static_cast<const char*>(argument); }
+int number(const void* argument) { return *static_cast<const int*>(argument); }
 }  // namespace
 
 #pragma GCC visibility push(default)
 extern "C" {
 
 int quill_nxattr_set(std::int32_t file, void* a, void* b, void* c, std::int32_t d) {
-  return std::printf("set %d %s %s %s %d\n", file, text(a), text(b), text(c), d) > 0 ? 41 : 0;
+  return file + 10 * number(a) + 100 * number(b) + 1000 * number(c) + 10000 * d;
 }
 
 int quill_nxattr_get(std::int32_t file, void* a, void* b, void* c) {
-  return std::printf("get %d %s %s %s\n", file, text(a), text(b), text(c)) > 0 ? 42 : 0;
+  return file + 10 * number(a) + 100 * number(b) + 1000 * number(c);
 }
 
 // Hands the call on to `back`, as a second bridge in the process would.
 int quill_nxattr_list(std::int32_t file, void* a, void* back) {
-  std::printf("list %d %s\n", file, text(a));
-  return reinterpret_cast<decltype(&quill_nxattr_list)>(back)(file, a, back);
+  return 1000 + reinterpret_cast<decltype(&quill_nxattr_list)>(back)(file, a, back);
 }
 
-int quill_nxattr_remove(std::int32_t file, void* a) {
-  return std::printf("remove %d %s\n", file, text(a)) > 0 ? 44 : 0;
-}
+int quill_nxattr_remove(std::int32_t file, void* a) { return file + 10 * number(a); }
 
 // The mount point's last letter decides: "s" for a file system without the clock, "f" for one that
 // fails, "q" for one that fails without a reason.

@@ -11,20 +11,17 @@ namespace fs = std::filesystem;
 
 TEST(WholeFile, KeepsItsPermissionsAndTakesThePlaceOfALinkButNotOfItsTarget) {
   const TempDir dir;
-  const std::string file = dir.path(std::string(255, 'n'));
+  const std::string file = dir.path(std::string(255, 'n')), text(200'001, '\0');
+  write_file(file, "old");
+  fs::permissions(file, fs::perms::owner_all);
+  EXPECT_EQ(wa_writefile(file.c_str(), text, false) + wa_writefile(file.c_str(), "b", true), 0);
   std::string content;
-  for (const std::string& text : {std::string("a"), std::string(200'001, '\0')}) {
-    EXPECT_EQ(wa_writefile(file.c_str(), text, false), 0);
-    fs::permissions(file, fs::perms::owner_all);
-    EXPECT_EQ(wa_readfile(file.c_str(), &content), 0);
-    EXPECT_EQ(content, text);
-  }
-  EXPECT_EQ(wa_writefile(file.c_str(), "b", true), 0);
-  EXPECT_EQ(read_file(file), content + "b");
+  EXPECT_EQ(wa_readfile(file.c_str(), &content), 0);
+  EXPECT_EQ(content, text + "b");
   EXPECT_EQ(fs::status(file).permissions(), fs::perms::owner_all);
   fs::create_symlink(file, dir.path("link"));
   EXPECT_EQ(wa_writefile(dir.path("link").c_str(), "new", false), 0);
-  EXPECT_EQ(read_file(file), content + "b");
+  EXPECT_EQ(read_file(file), content);
 }
 
 TEST(Tree, IsMadeWithItsParentsAndDeletedWithoutFollowingLinks) {
@@ -35,16 +32,11 @@ TEST(Tree, IsMadeWithItsParentsAndDeletedWithoutFollowingLinks) {
   write_file(dir.path("tree/file"), "");
   write_file(dir.path("outside/kept"), "");
   fs::create_directory_symlink(dir.path("outside"), dir.path("tree/sub/out"));
-  for (const char* name : {"tree/file", "tree/file/a", "tree/sub/out/new"}) {
-    EXPECT_EQ(make(name), CR_STATUS_FAILED) << name;
-  }
-  for (const char* name : {"tree/sub/out", "tree/sub/out/kept", "tree/file"}) {
-    EXPECT_EQ(erase(name), CR_STATUS_FAILED) << name;
-  }
+  EXPECT_EQ(make("tree/file/a") + make("tree/sub/out/new"), 2 * CR_STATUS_FAILED);
+  EXPECT_EQ(erase("tree/sub/out") + erase("tree/sub/out/kept"), 2 * CR_STATUS_FAILED);
   EXPECT_EQ(erase("tree/sub/..") + wa_deletetree("/") + wa_deletetree(""), 3 * CR_STATUS_BAD_ARG);
   EXPECT_TRUE(fs::exists(dir.path("tree/sub/deep")));
   EXPECT_EQ(erase("tree/"), 0);
-  EXPECT_EQ(erase("tree/"), CR_STATUS_NOT_FOUND);
   EXPECT_TRUE(fs::exists(dir.path("outside/kept")));
 }
 

@@ -5,10 +5,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <functional>
 
 // Runs `act` in a child process, which ends with its result, or dies of what it throws.
 inline pid_t start_child(const std::function<int()>& act) {
+  std::fflush(nullptr);
   const pid_t child = fork();
   if (child == 0) [&act]() noexcept { _exit(act()); }();
   return child;

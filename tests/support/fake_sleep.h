@@ -2,22 +2,17 @@
 #pragma once
 
 #include <functional>
-#include <memory>
-#include <mutex>
-#include <utility>
 #include <vector>
 
 #include "refhost/control.h"
 
+// For tests that sleep on one thread at a time.
 class FakeSleep {
  public:
   // `each` is called in place of every sleep, for what shall happen meanwhile.
-  explicit FakeSleep(std::function<void(unsigned int)> each = nullptr) {
-    refhost::set_sleep([kept = kept_, each = std::move(each)](unsigned int seconds) {
-      {
-        const std::lock_guard<std::mutex> lock(kept->mutex);
-        kept->seconds.push_back(seconds);
-      }
+  explicit FakeSleep(const std::function<void(unsigned int)>& each = nullptr) {
+    refhost::set_sleep([this, each](unsigned int seconds) {
+      sleeps_.push_back(seconds);
       if (each) each(seconds);
     });
   }
@@ -26,16 +21,8 @@ class FakeSleep {
   ~FakeSleep() { refhost::set_sleep(nullptr); }
 
   // The seconds of each sleep so far.
-  std::vector<unsigned int> sleeps() const {
-    const std::lock_guard<std::mutex> lock(kept_->mutex);
-    return kept_->seconds;
-  }
+  const std::vector<unsigned int>& sleeps() const { return sleeps_; }
 
  private:
-  struct Kept {
-    std::mutex mutex;
-    std::vector<unsigned int> seconds;
-  };
-
-  const std::shared_ptr<Kept> kept_ = std::make_shared<Kept>();
+  mutable std::vector<unsigned int> sleeps_;  // of constant objects, too
 };

@@ -4,7 +4,6 @@
 #include <sqlite3.h>
 #include <sys/stat.h>
 
-#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <string>
@@ -21,41 +20,18 @@ using Faults = std::vector<std::string>;
 using Row = std::function<void(sqlite3_stmt*)>;
 
 inline std::string text(sqlite3_stmt* row, int column) {
-  const void* found = sqlite3_column_blob(row, column);
-  const auto size = static_cast<std::size_t>(sqlite3_column_bytes(row, column));
-  return found == nullptr ? "" : std::string(static_cast<const char*>(found), size);
+  const auto* const found = static_cast<const char*>(sqlite3_column_blob(row, column));
+  return found == nullptr ? "" : std::string(found, found + sqlite3_column_bytes(row, column));
 }
 
 // Hands every row to `take`; a statement that fails is a fault.
 inline void each_row(sqlite3* db, const std::string& sql, Faults& faults, const Row& take) {
   sqlite3_stmt* statement = nullptr;
-  int rc = sqlite3_prepare_v2(db, sql.c_str(), -1, &statement, nullptr);
-  while (rc == SQLITE_OK || rc == SQLITE_ROW) {
-    rc = sqlite3_step(statement);
-    if (rc == SQLITE_ROW) take(statement);
-  }
+  sqlite3_prepare_v2(db, sql.c_str(), -1, &statement, nullptr);  // a failure shows in the step
+  int rc = sqlite3_step(statement);
+  for (; rc == SQLITE_ROW; rc = sqlite3_step(statement)) take(statement);
   if (rc != SQLITE_DONE) faults.push_back(sql + ": " + sqlite3_errmsg(db));
   sqlite3_finalize(statement);
-}
-
-// The checksum fits, and the host reads the entry.
-inline void check_entry(sqlite3_stmt* row, Faults& faults) {
-  const std::string name = text(row, 0), poid = text(row, 1), content = text(row, 2);
-  const auto stored = static_cast<std::uint32_t>(sqlite3_column_int64(row, 3));
-  if (SQLitePODB::calculate_crc(name.c_str(), poid.c_str(), content.c_str()) != stored) {
-    faults.push_back("checksum of " + name);
-  }
-  const RecordPtr record(POCreate());
-  if (PO::setFromString(record.get(), content.c_str()) != 0) faults.push_back("content of " + name);
-}
-
-inline void check_list(sqlite3_stmt* row, Faults& faults) {
-  std::string bytes = text(row, 1);
-  auto* binary = reinterpret_cast<unsigned char*>(bytes.data());
-  UDCIDRecord list;
-  if (list.Deserialize(binary, static_cast<unsigned int>(bytes.size())) != CR_STATUS_OK) {
-    faults.push_back("list of " + text(row, 0));
-  }
 }
 
 inline bool has_content(const std::string& file) {
@@ -77,16 +53,28 @@ inline void check_database(const std::string& file, const std::string& rows, Fau
   if (has_content(file)) each_row(opened, rows, faults, check);  // a creation may be rolled back
 }
 
-// SQLite's integrity check says ok, every row's checksum fits and its entry can be read, and every
-// list of containers is whole. Missing and empty files hold nothing that could be wrong. Opening a
-// database ends what a crash left unfinished, as for everybody who opens it.
+// SQLite's integrity check says ok, every row's checksum fits and the host reads its entry, and
+// every list of containers is whole. Missing and empty files hold nothing that could be wrong.
+// Opening a database ends what a crash left unfinished, as for everybody who opens it.
 inline Faults faults_of(const std::string& directory) {
   Faults faults;
-  check_database(directory + "/" + SQLitePODB::dbfilename(),
-                 "SELECT basename, poid, content, crc FROM po", faults,
-                 [&](sqlite3_stmt* row) { check_entry(row, faults); });
-  check_database(directory + "/" + SQLiteULDB::dbfilename(), "SELECT poid, udcids FROM utable",
-                 faults, [&](sqlite3_stmt* row) { check_list(row, faults); });
+  const auto check_entry = [&faults](sqlite3_stmt* row) {
+    const std::string name = text(row, 0), poid = text(row, 1), content = text(row, 2);
+    const auto sum = SQLitePODB::calculate_crc(name.c_str(), poid.c_str(), content.c_str());
+    const auto stored = static_cast<std::uint32_t>(sqlite3_column_int64(row, 3));
+    if (stored != sum) faults.push_back("checksum of " + name);
+    const bool taken = PO::setFromString(RecordPtr(POCreate()).get(), content.c_str()) == 0;
+    if (!taken) faults.push_back("content of " + name);
+  };
+  const auto check_list = [&faults](sqlite3_stmt* row) {
+    std::string bytes = text(row, 1);
+    auto* const binary = reinterpret_cast<unsigned char*>(bytes.data());
+    const auto status = UDCIDRecord().Deserialize(binary, static_cast<unsigned int>(bytes.size()));
+    if (status != CR_STATUS_OK) faults.push_back("list of " + text(row, 0));
+  };
+  const std::string entries = "SELECT basename, poid, content, crc FROM po";
+  check_database(directory + "/po.db", entries, faults, check_entry);
+  check_database(directory + "/ul.db", "SELECT poid, udcids FROM utable", faults, check_list);
   return faults;
 }
 

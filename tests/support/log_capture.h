@@ -4,9 +4,10 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
+#include <algorithm>
 #include <mutex>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "refhost/control.h"
@@ -14,33 +15,29 @@
 // One at a time. LogLevel::Trace turns tracing on as well.
 class LogCapture {
  public:
-  explicit LogCapture(refhost::LogLevel level = refhost::LogLevel::Info)
-      : old_level_(refhost::log_level()) {
+  explicit LogCapture(refhost::LogLevel level = refhost::LogLevel::Info) {
+    clear();
     refhost::set_log_level(level);
-    refhost::log_to_sink([kept = kept_](const refhost::LogLine& line) {
-      const std::lock_guard<std::mutex> lock(kept->mutex);
-      kept->lines.push_back(line);
+    refhost::log_to_sink([](const refhost::LogLine& line) {
+      const std::lock_guard<std::mutex> lock(mutex_);
+      lines_.push_back(line);
     });
   }
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
   ~LogCapture() {
     refhost::log_to_stderr();
-    refhost::set_log_level(old_level_);
-    for (const refhost::LogLine& line : lines()) {
-      if (line.level == refhost::LogLevel::Error) {
-        ADD_FAILURE() << "unexpected log line: [" << line.status << "] " << line.message;
-      }
+    refhost::set_log_level(refhost::LogLevel::Info);
+    for (const std::string& message : messages(refhost::LogLevel::Error)) {
+      ADD_FAILURE() << "unexpected log line: " << message;
     }
   }
 
-  // The lines that were not demanded so far, oldest first.
+  // The lines that were not demanded so far, oldest first; or the messages of one level.
   std::vector<refhost::LogLine> lines() const {
-    const std::lock_guard<std::mutex> lock(kept_->mutex);
-    return kept_->lines;
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return lines_;
   }
-
-  // As lines(), the messages of one level only.
   std::vector<std::string> messages(refhost::LogLevel level) const {
     std::vector<std::string> found;
     for (const refhost::LogLine& line : lines()) {
@@ -51,16 +48,12 @@ class LogCapture {
 
   // Fails the test unless there is exactly such a line; takes it away.
   void expect(refhost::LogLevel level, cr_status_t status, const std::string& message) {
-    const std::lock_guard<std::mutex> lock(kept_->mutex);
-    std::string seen;
-    for (auto line = kept_->lines.begin(); line != kept_->lines.end(); ++line) {
-      if (line->level == level && line->status == status && line->message == message) {
-        kept_->lines.erase(line);
-        return;
-      }
-      seen += "\n  [" + std::to_string(line->status) + "] " + line->message;
-    }
-    ADD_FAILURE() << "no log line: [" << status << "] " << message << "\nseen:" << seen;
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto found = std::find_if(lines_.begin(), lines_.end(), [&](const auto& line) {
+      return std::tie(line.level, line.status, line.message) == std::tie(level, status, message);
+    });
+    if (found != lines_.end()) return void(lines_.erase(found));
+    ADD_FAILURE() << "no log line: [" << status << "] " << message;
   }
   void expect_error(cr_status_t status, const std::string& message) {
     expect(refhost::LogLevel::Error, status, message);
@@ -71,16 +64,12 @@ class LogCapture {
 
   // Forgets the lines so far, errors included.
   void clear() {
-    const std::lock_guard<std::mutex> lock(kept_->mutex);
-    kept_->lines.clear();
+    const std::lock_guard<std::mutex> lock(mutex_);
+    lines_.clear();
   }
 
  private:
-  struct Kept {
-    std::mutex mutex;
-    std::vector<refhost::LogLine> lines;
-  };
-
-  const refhost::LogLevel old_level_;
-  const std::shared_ptr<Kept> kept_ = std::make_shared<Kept>();  // a late line may still arrive
+  // Outlive every capture: a late line may still arrive.
+  static inline std::mutex mutex_;
+  static inline std::vector<refhost::LogLine> lines_;
 };

@@ -9,10 +9,6 @@
 #include "host/po_record.h"
 #include "refhost/record.h"
 
-// The record of a directory whose attributes never arrived.
-inline constexpr char kDefaultDirText[] =
-    "0|||1|||||0|N|0|040755|0||260|0|0|0|1024||||0|||0|64|0|0";
-
 struct RecordDeleter {
   void operator()(_po_t* record) const { PODestroy(record); }
 };

@@ -11,10 +11,7 @@
 class TempDir {
  public:
   // Below the system's directory for such things, spelled without symbolic links.
-  TempDir()
-      : path_((std::filesystem::canonical(std::filesystem::temp_directory_path()) /
-               "pocatalog-XXXXXX")
-                  .string()) {
+  TempDir() {
     if (mkdtemp(path_.data()) == nullptr) throw std::runtime_error("cannot make " + path_);
   }
   TempDir(const TempDir&) = delete;
@@ -30,5 +27,6 @@ class TempDir {
   std::string path(const std::string& name) const { return path_ + "/" + name; }
 
  private:
-  std::string path_;
+  std::string path_ =
+      std::filesystem::canonical(std::filesystem::temp_directory_path()) / "pocatalog-XXXXXX";
 };
