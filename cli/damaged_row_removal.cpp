@@ -1,9 +1,9 @@
 #include <fmt/format.h>
 
 #include "cli/command.h"
-#include "cli/damaged_rows.h"
 #include "cli/directory_batch.h"
 #include "cli/removal.h"
+#include "cli/stored_rows.h"
 #include "podb/sqlite_podb.h"
 
 namespace cli {

@@ -40,12 +40,19 @@ void prepare_database(SQLitePODB& db, IngestOutcome* outcome) {
   outcome->recount = true;
 }
 
+// What it reads beside the library is closed before the library writes.
+RowBatch begin_batch(const IngestJob& job, SQLitePODB& db, IngestOutcome* outcome) {
+  const OpenTable entries = open_entry_table(db.get_dir());
+  StoredRows rows = read_stored_rows(entries);
+  return {job, db, std::move(rows), find_list_gaps(entries, db.get_dir(), outcome)};
+}
+
 // Whether the lists are to be looked at once more.
 bool try_batch(const IngestJob& job, SQLitePODB& db, const std::function<bool(RowBatch&)>& work,
                IngestOutcome* outcome) {
   remove_unfinished_writes(db.get_dir());
   prepare_database(db, outcome);
-  RowBatch batch(job, db, find_damaged_rows(db.get_dir()), find_list_gaps(db.get_dir(), outcome));
+  RowBatch batch = begin_batch(job, db, outcome);
   if (!work(batch)) return false;
   batch.commit();
   outcome->add(std::move(batch.outcome()));

@@ -31,20 +31,24 @@ bool is_damage(int code) {
   throw DirectoryError{status_of_sqlite(code), "its lists of containers cannot be read"};
 }
 
-// A table, if the file is there and has it. `fail` throws for the code of a failure.
-class Table {
+using Fail = void (*)(int code);
+
+OpenTable open_or_fail(const std::string& file, const std::string& table, Fail fail) {
+  OpenTable opened;
+  const int code = open_table(file, table, &opened.connection);
+  if (code != SQLITE_ROW && code != SQLITE_DONE) fail(code);
+  opened.exists = code == SQLITE_ROW;
+  return opened;
+}
+
+// The rows of a table in order of their POIDs; none when there is no table. `fail` throws for the
+// code of a failure.
+class Rows {
  public:
-  using Fail = void (*)(int code);
-
-  Table(const std::string& file, const std::string& table, const std::string& columns, Fail fail)
-      : fail_(fail) {
-    const int code = open_table(file, table, &connection_);
-    if (code != SQLITE_ROW && code != SQLITE_DONE) fail_(code);
-    exists_ = code == SQLITE_ROW;
-    if (exists_) rows_.emplace(connection_, "SELECT " + columns + " FROM " + table + kOrder);
+  Rows(const OpenTable& table, const std::string& select, Fail fail)
+      : fail_(fail), exists_(table.exists) {
+    if (exists_) rows_.emplace(table.connection, select + kOrder);
   }
-
-  bool exists() const { return exists_; }
 
   // The next row with a well-formed POID, if there is one; `poid` is it then.
   bool next() {
@@ -67,13 +71,12 @@ class Table {
   static constexpr const char* kOrder = " WHERE typeof(poid) = 'text' AND poid > '' ORDER BY poid";
 
   const Fail fail_;
-  Connection connection_;
+  bool exists_;  // the next row
   std::optional<Statement> rows_;
-  bool exists_ = false;
   std::string poid_;
 };
 
-bool intact(const Table& list) {
+bool intact(const Rows& list) {
   const int type = list.row().type(1);
   return list_faults({SQLITE_TEXT, list.poid()}, type, list.row().view(1)).empty();
 }
@@ -89,19 +92,21 @@ bool is_empty_file(const std::string& file) {
   return wa_stat(file.c_str(), &found) == CR_STATUS_OK && found.st_size == 0;
 }
 
-// Looking for the table has undone the unfinished transaction of a crash: when that was the first
-// one, it leaves nothing.
-void remove_leftover(const std::string& file) {
-  const bool table_exists = Table(file, "utable", "poid", fail_lists).exists();
-  if (table_exists || !is_there(file)) return;
+// Looking for the table undoes the unfinished transaction of a crash: when that was the first one,
+// it leaves nothing.
+OpenTable open_lists(const std::string& file) {
+  OpenTable lists = open_or_fail(file, "utable", fail_lists);
+  if (lists.exists || !is_there(file)) return lists;
   if (!is_empty_file(file)) {
     throw DirectoryError{CR_STATUS_BAD_DATA, "its ul.db is no database of lists of containers"};
   }
   remove_lists(file);
+  return lists;
 }
 
-// Both in order of the POIDs.
-ListGaps compare(Table entries, Table lists) {
+ListGaps compare(const OpenTable& entry_table, const OpenTable& list_table) {
+  Rows entries(entry_table, "SELECT DISTINCT poid FROM po", fail_entries);
+  Rows lists(list_table, "SELECT poid, udcids FROM utable", fail_lists);
   ListGaps gaps;
   bool entry = entries.next();
   bool list = lists.next();
@@ -117,14 +122,16 @@ ListGaps compare(Table entries, Table lists) {
 
 }  // namespace
 
-ListGaps find_list_gaps(const std::string& directory, IngestOutcome* outcome) {
-  const std::string entries = directory + "/" + SQLitePODB::dbfilename();
+OpenTable open_entry_table(const std::string& directory) {
+  return open_or_fail(directory + "/" + SQLitePODB::dbfilename(), "po", fail_entries);
+}
+
+ListGaps find_list_gaps(const OpenTable& entries, const std::string& directory,
+                        IngestOutcome* outcome) {
   const std::string lists = directory + "/" + SQLiteULDB::dbfilename();
   for (;;) {
     try {
-      remove_leftover(lists);
-      return compare(Table(entries, "po", "DISTINCT poid", fail_entries),
-                     Table(lists, "utable", "poid, udcids", fail_lists));
+      return compare(entries, open_lists(lists));
     } catch (const ListsDamaged&) {
       remove_lists(lists);
       outcome->problems.push_back(

@@ -81,6 +81,10 @@ FilePO RowBatch::entry_of(const std::string& name) const {
 }
 
 RowBatch::Stored RowBatch::load(const std::string& name, FilePO* stored) {
+  const auto known = rows_.records.find(name);
+  if (known != rows_.records.end() && stored->set(job_.root, known->second, path_of(name)) == 0) {
+    return Stored::readable;
+  }
   const cr_status_t status = db_.get(name, stored);
   if (status == CR_STATUS_OK) return Stored::readable;
   if (status == CR_STATUS_NONE || status == CR_STATUS_BAD_RECORD) return Stored::damaged;
@@ -123,7 +127,7 @@ void RowBatch::store(const std::string& name, const SourceFile& file) {
   const std::uint64_t size = incoming.get_size();
   FilePO stored(job_.dsid);
   const Stored found = load(name, &stored);
-  const bool damaged = found == Stored::damaged || damaged_.named.count(name) != 0;
+  const bool damaged = found == Stored::damaged || rows_.damaged.count(name) != 0;
   const bool same = !damaged && found == Stored::readable && is_same(stored, incoming);
   if (found == Stored::readable && !same && protected_entry(stored.record(), job_.clock)) {
     return refuse_protected(name);
@@ -158,7 +162,7 @@ void RowBatch::close_gap(const FilePO& stored, const Content& content) {
 }
 
 void RowBatch::remove_others(const std::vector<std::string>& kept) {
-  for (const std::string& name : damaged_.nameless) refuse_damaged(name);
+  for (const std::string& name : rows_.nameless) refuse_damaged(name);
   std::string last;
   for (;;) {
     std::vector<std::string> names;
@@ -195,6 +199,7 @@ void RowBatch::remove(const std::string& name) {
 
 void RowBatch::update(const std::string& name, FilePO* entry, const Content& content) {
   begin();
+  rows_.records.erase(name);
   Displaced displaced;
   std::vector<PO*> with_containers;
   std::string action = "action_imgchk";

@@ -8,10 +8,10 @@
 #include <vector>
 
 #include "cli/container_lists.h"
-#include "cli/damaged_rows.h"
 #include "cli/ingest_dir.h"
 #include "cli/list_gaps.h"
 #include "cli/source_file.h"
+#include "cli/stored_rows.h"
 #include "po/file_po.h"
 #include "podb/sqlite_podb.h"
 
@@ -23,12 +23,8 @@ namespace cli {
 // Destroyed uncommitted, it rolls back. Operations throw what stands in cli/batch_errors.h.
 class RowBatch {
  public:
-  RowBatch(const IngestJob& job, SQLitePODB& db, DamagedRows damaged, ListGaps gaps)
-      : job_(job),
-        db_(db),
-        damaged_(std::move(damaged)),
-        gaps_(std::move(gaps)),
-        lists_(db.get_dir()) {}
+  RowBatch(const IngestJob& job, SQLitePODB& db, StoredRows rows, ListGaps gaps)
+      : job_(job), db_(db), rows_(std::move(rows)), gaps_(std::move(gaps)), lists_(db.get_dir()) {}
   RowBatch(const RowBatch&) = delete;
   RowBatch& operator=(const RowBatch&) = delete;
   ~RowBatch();
@@ -70,7 +66,7 @@ class RowBatch {
 
   const IngestJob& job_;
   SQLitePODB& db_;
-  const DamagedRows damaged_;
+  StoredRows rows_;  // without the records of names that were changed
   ListGaps gaps_;
   ContainerLists lists_;
   bool begun_ = false;

@@ -6,8 +6,8 @@
 #include <cstdlib>
 #include <memory>
 
+#include "host/po_record.h"
 #include "podb/sqlite_podb.h"
-#include "refhost/record.h"
 
 namespace cli {
 namespace {
@@ -60,11 +60,30 @@ void check_checksum(const RawRow& row, Faults* faults) {
       fmt::format("the checksum is wrong: stored {}, computed {}", row.crc, computed));
 }
 
-void check_poid(const RawRow& row, Faults* faults) {
-  const Record record = parsed(row.content.bytes);
-  if (record && row.poid.bytes != refhost::get_fields(record.get()).poid) {
-    faults->emplace_back("poid is not that of the record");
+// The record of a row or of a directory; null, with the fault told, when the text is none.
+Record checked_record(const std::string& text, int type, Faults* faults) {
+  Record record;
+  if (text.find('\0') != std::string::npos) {
+    faults->emplace_back("the record holds a NUL byte");
+    return record;
   }
+  record = parsed(text);
+  if (!record || !prints_as(record.get(), text)) {
+    faults->emplace_back("the record does not parse");
+    return nullptr;
+  }
+  const _po_t* const made = record.get();
+  if (POGetType(made) != type) {
+    faults->push_back(fmt::format("the record's type is {}, not {}", POGetType(made), type));
+  }
+  if (POGetDsid(made) != 0 || *POGetDirname(made) != '\0' || *POGetBasename(made) != '\0') {
+    faults->emplace_back("the record holds a location");
+  }
+  const char* const poid = POGetHashRef(made);
+  if (type == PO_TYPE_FILE && *poid != '\0' && !POIDStringValidate(poid)) {
+    faults->emplace_back("the record's POID is not valid");
+  }
+  return record;
 }
 
 }  // namespace
@@ -104,28 +123,16 @@ Faults row_faults(const RawRow& row) {
   if (!faults.empty()) return faults;
   check_name(row.basename.bytes, &faults);
   check_checksum(row, &faults);
-  for (std::string& fault : record_faults(row.content.bytes, PO_TYPE_FILE)) {
-    faults.push_back(std::move(fault));
+  const Record record = checked_record(row.content.bytes, PO_TYPE_FILE, &faults);
+  if (record && row.poid.bytes != POGetHashRef(record.get())) {
+    faults.emplace_back("poid is not that of the record");
   }
-  check_poid(row, &faults);
   return faults;
 }
 
 Faults record_faults(const std::string& text, int type) {
-  if (text.find('\0') != std::string::npos) return {"the record holds a NUL byte"};
-  const Record record = parsed(text);
-  if (!record || !prints_as(record.get(), text)) return {"the record does not parse"};
-  const refhost::RecordFields fields = refhost::get_fields(record.get());
   Faults faults;
-  if (fields.type != type) {
-    faults.push_back(fmt::format("the record's type is {}, not {}", fields.type, type));
-  }
-  if (fields.dsid != 0 || !fields.directory.empty() || !fields.leaf.empty()) {
-    faults.emplace_back("the record holds a location");
-  }
-  if (type == PO_TYPE_FILE && !fields.poid.empty() && !POIDStringValidate(fields.poid.c_str())) {
-    faults.emplace_back("the record's POID is not valid");
-  }
+  checked_record(text, type, &faults);
   return faults;
 }
 

@@ -74,6 +74,12 @@ int find_table(const Connection& connection, const std::string& table);
 // SQLITE_DONE when there is no file or no such table, or the code of a failure.
 int open_table(const std::string& file, const std::string& table, Connection* connection);
 
+// A table of an existing database, open for several readers.
+struct OpenTable {
+  Connection connection;
+  bool exists = false;
+};
+
 // The status of a failure's code, never 0.
 cr_status_t status_of_sqlite(int code);
 

@@ -1,6 +1,8 @@
-#include "cli/damaged_rows.h"
+#include "cli/stored_rows.h"
 
 #include <sqlite3.h>
+
+#include <utility>
 
 #include "cli/batch_errors.h"
 #include "cli/sqlite_reader.h"
@@ -9,20 +11,29 @@
 
 namespace cli {
 
-DamagedRows find_damaged_rows(const std::string& directory) {
-  Connection connection;
-  DamagedRows rows;
-  const auto examine = [&rows](const Statement& statement) {
-    const RawRow row = stored_row(statement);
-    if (row_faults(row).empty()) return;
-    if (has_usable_name(row)) {
-      rows.named.insert(row.basename.bytes);
-    } else {
-      rows.nameless.push_back(row.basename.bytes);
-    }
-  };
-  int code = open_table(directory + "/" + SQLitePODB::dbfilename(), "po", &connection);
-  if (code == SQLITE_ROW) code = walk_table(connection, "po", kRowColumns, examine, [] {});
+namespace {
+
+constexpr std::size_t kMostRecords = 16384;
+
+void sort_out(RawRow row, StoredRows* rows) {
+  const bool sound = row_faults(row).empty();
+  if (sound && rows->records.size() < kMostRecords) {
+    rows->records.emplace(std::move(row.basename.bytes), std::move(row.content.bytes));
+  } else if (!sound && has_usable_name(row)) {
+    rows->damaged.insert(row.basename.bytes);
+  } else if (!sound) {
+    rows->nameless.push_back(row.basename.bytes);
+  }
+}
+
+}  // namespace
+
+StoredRows read_stored_rows(const OpenTable& entries) {
+  StoredRows rows;
+  if (!entries.exists) return rows;
+  const int code = walk_table(
+      entries.connection, "po", kRowColumns,
+      [&rows](const Statement& statement) { sort_out(stored_row(statement), &rows); }, [] {});
   if (code == SQLITE_DONE) return rows;
   throw DirectoryError{status_of_sqlite(code), "its database cannot be read"};
 }
