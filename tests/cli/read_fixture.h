@@ -2,15 +2,10 @@
 // the library.
 #pragma once
 
-#include <gtest/gtest.h>
-#include <sqlite3.h>
-#include <unistd.h>
-
 #include <functional>
 #include <nlohmann/json.hpp>
 #include <sstream>
 
-#include "cli/catalog.h"
 #include "cli/command.h"
 #include "cli/dsinfo.h"
 #include "cli/run.h"
@@ -49,24 +44,18 @@ struct Outcome {
   }
 };
 
-inline Outcome run_command(std::vector<std::string> arguments) {
-  arguments.insert(arguments.begin(), "pocatalog");
-  std::vector<const char*> argv;
-  argv.reserve(arguments.size());
-  for (const std::string& argument : arguments) argv.push_back(argument.c_str());
+// Arguments have blanks between them, but for those in `more`; '' is an empty one.
+inline Outcome command(const std::string& line, const std::vector<std::string>& more = {}) {
+  std::istringstream words("pocatalog " + line);
+  std::vector<std::string> arguments{std::istream_iterator<std::string>(words), {}};
+  arguments.insert(arguments.end(), more.begin(), more.end());
+  std::vector<const char*> argv(arguments.size());
+  const auto text = [](const std::string& word) { return word == "''" ? "" : word.c_str(); };
+  std::transform(arguments.begin(), arguments.end(), argv.begin(), text);
   std::ostringstream out;
   std::ostringstream err;
   const int status = cli::run(static_cast<int>(argv.size()), argv.data(), out, err);
   return {status, out.str(), err.str()};
-}
-
-// Arguments have blanks between them, but for those in `more`; '' is an empty one.
-inline Outcome command(const std::string& line, const std::vector<std::string>& more = {}) {
-  std::vector<std::string> arguments;
-  std::istringstream words(line);
-  for (std::string word; words >> word;) arguments.push_back(word == "''" ? "" : word);
-  arguments.insert(arguments.end(), more.begin(), more.end());
-  return run_command(arguments);
 }
 
 // The command ends with this status and says this.
@@ -76,20 +65,6 @@ inline Outcome expect(int status, const std::string& line, const std::string& to
   EXPECT_EQ(outcome.status, status) << line << ": " << all;
   EXPECT_NE(all.find(told), std::string::npos) << line << ": not \"" << told << "\" but " << all;
   return outcome;
-}
-
-// Runs `act` where the permissions of files count, also when the tests run as root. What is in the
-// directory becomes its user's.
-inline void as_nobody(const std::string& directory, const std::function<void()>& act) {
-  constexpr uid_t kNobody = 65534;
-  const bool root = geteuid() == 0;
-  EXPECT_EQ(root ? lchown(directory.c_str(), kNobody, kNobody) : 0, 0);
-  for (const auto& entry : fs::recursive_directory_iterator(directory)) {
-    EXPECT_EQ(root ? lchown(entry.path().c_str(), kNobody, kNobody) : 0, 0);
-  }
-  EXPECT_EQ(root ? setresuid(kNobody, kNobody, 0) : 0, 0);
-  act();
-  EXPECT_EQ(root ? setresuid(0, 0, 0) : 0, 0);
 }
 
 class CommandTest : public testing::Test {
@@ -150,7 +125,7 @@ class CommandTest : public testing::Test {
   // Total size, directories, files and open runs.
   Counters counters() const {
     cli::DsInfo info;
-    if (cli::read_dsinfo(root_, 5, &info) != CR_STATUS_OK) return {};
+    EXPECT_EQ(cli::read_dsinfo(root_, 5, &info), CR_STATUS_OK);
     return {info.counters.total_size, info.counters.dir_count, info.counters.file_count,
             info.open_runs};
   }
@@ -170,13 +145,14 @@ class CommandTest : public testing::Test {
   // Runs and returns what was added, replaced, unchanged, removed and not done.
   Counters ingest(int status, const std::string& options = "") {
     const Outcome outcome = run(options);
-    EXPECT_EQ(outcome.status, status) << outcome.err;
+    EXPECT_EQ(outcome.status, status) << err_;
+    Counters done;
     for (const auto& line : outcome.json()) {  // among the problems
-      if (!line.contains("added")) continue;
-      return {line["added"], line["replaced"], line["unchanged"], line["removed"],
-              line["not_done"]};
+      for (const char* name : {"added", "replaced", "unchanged", "removed", "not_done"}) {
+        if (line.contains(name)) done.push_back(line[name]);
+      }
     }
-    return {};
+    return done;
   }
   void expect_told(const std::string& text) const {
     EXPECT_NE(err_.find(text), std::string::npos) << err_;
