@@ -47,6 +47,8 @@ class DatabaseCheck {
                   const std::function<std::vector<std::string>(const Statement&)>& faults,
                   Findings* findings);
 
+  const Connection& connection() const { return connection_; }
+
   void add(const std::string& reason) { look_->add(file_, reason); }
 
  private:

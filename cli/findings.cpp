@@ -61,6 +61,16 @@ void Findings::add_unexamined(const std::string& file, cr_status_t status,
   report(console_, file, status, reason);
 }
 
+void Findings::add_counts(const Findings& others) {
+  databases_ += others.databases_;
+  rows_ += others.rows_;
+  damaged_rows_ += others.damaged_rows_;
+  contents_without_list_ += others.contents_without_list_;
+  lone_lists_ += others.lone_lists_;
+  other_ += others.other_;
+  unexamined_ += others.unexamined_;
+}
+
 int Findings::conclude() const {
   if (console_.json) {
     print_line(console_, {{"databases", databases_},

@@ -30,6 +30,9 @@ class Findings {
   // Something could not be looked at, which says nothing about it.
   void add_unexamined(const std::string& file, cr_status_t status, const std::string& reason);
 
+  // Adds what others have counted, and printed.
+  void add_counts(const Findings& others);
+
   void count_database() { ++databases_; }
   void count_row() { ++rows_; }
 

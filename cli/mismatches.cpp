@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -17,6 +18,14 @@ namespace cli {
 namespace {
 
 constexpr std::size_t kPage = 512;
+constexpr const char* kEntries = "po";
+constexpr const char* kLists = "utable";
+
+struct Mismatch {
+  std::string poid;
+  std::string entry;          // the first entry with data of that content; none for a lone list
+  std::uint64_t entries = 0;  // how many entries have that content
+};
 
 // A database of the directory, if there is one.
 class Table {
@@ -30,8 +39,8 @@ class Table {
     return has_rows_ || code == SQLITE_DONE ? CR_STATUS_OK : status_of_sqlite(code);
   }
 
-  bool has_rows() const { return has_rows_; }
-  const Connection& connection() const { return connection_; }
+  // Null when there are no rows.
+  const Connection* rows() const { return has_rows_ ? &connection_ : nullptr; }
   const std::string& name() const { return name_; }
 
  private:
@@ -46,8 +55,8 @@ struct Databases {
   Table lists;
 
   explicit Databases(const CatalogPath& directory)
-      : entries(directory, SQLitePODB::dbfilename(), "po"),
-        lists(directory, SQLiteULDB::dbfilename(), "utable") {}
+      : entries(directory, SQLitePODB::dbfilename(), kEntries),
+        lists(directory, SQLiteULDB::dbfilename(), kLists) {}
 
   cr_status_t open() {
     const cr_status_t status = entries.open();
@@ -58,12 +67,12 @@ struct Databases {
 // The different POIDs of a table in ascending order, read page by page.
 class PoidPager {
  public:
-  explicit PoidPager(const Table& table)
-      : statement_(table.connection(), "SELECT DISTINCT poid FROM " + table.name() +
-                                           " WHERE typeof(poid) = 'text' AND poid > ?"
-                                           " ORDER BY poid LIMIT " +
-                                           std::to_string(kPage)),
-        last_page_(!table.has_rows()) {}
+  PoidPager(const Connection* rows, const std::string& table) : last_page_(rows == nullptr) {
+    if (last_page_) return;
+    statement_.emplace(*rows, "SELECT DISTINCT poid FROM " + table +
+                                  " WHERE typeof(poid) = 'text' AND poid > ? ORDER BY poid LIMIT " +
+                                  std::to_string(kPage));
+  }
 
   // Null after the last one or when `status` is not 0. It lives until the next call.
   const std::string* next() {
@@ -75,18 +84,18 @@ class PoidPager {
  private:
   bool fill() {
     if (last_page_) return false;
-    statement_.bind(1, page_.empty() ? std::string() : page_.back());
+    statement_->bind(1, page_.empty() ? std::string() : page_.back());
     page_.clear();
     position_ = 0;
-    int code = statement_.step();
-    for (; code == SQLITE_ROW; code = statement_.step()) page_.push_back(statement_.bytes(0));
-    statement_.reset();
+    int code = statement_->step();
+    for (; code == SQLITE_ROW; code = statement_->step()) page_.push_back(statement_->bytes(0));
+    statement_->reset();
     if (code != SQLITE_DONE) status_ = status_of_sqlite(code);
     last_page_ = code != SQLITE_DONE || page_.size() < kPage;
     return !page_.empty();
   }
 
-  Statement statement_;
+  std::optional<Statement> statement_;
   std::vector<std::string> page_;
   std::size_t position_ = 0;
   bool last_page_;
@@ -96,8 +105,8 @@ class PoidPager {
 // The POIDs that only one of the two databases has.
 class Comparison {
  public:
-  explicit Comparison(const Databases& databases)
-      : entries_(databases.entries), lists_(databases.lists) {}
+  Comparison(const Connection* entries, const Connection* lists)
+      : entries_(entries, kEntries), lists_(lists, kLists) {}
 
   // At most a page of them; fewer are the last, or `status` is not 0.
   std::vector<std::string> next_page() {
@@ -162,9 +171,8 @@ class Lookup {
 
  private:
   std::uint64_t count(const Table& table, const std::string& poid) {
-    if (!table.has_rows()) return 0;
-    Statement counted(table.connection(),
-                      "SELECT COUNT(*) FROM " + table.name() + " WHERE poid = ?");
+    if (table.rows() == nullptr) return 0;
+    Statement counted(*table.rows(), "SELECT COUNT(*) FROM " + table.name() + " WHERE poid = ?");
     counted.bind(1, poid);
     const int code = counted.step();
     if (code != SQLITE_ROW) status_ = status_of_sqlite(code);
@@ -172,7 +180,7 @@ class Lookup {
   }
 
   std::string first_with_data(const std::string& poid) {
-    Statement rows(databases_.entries.connection(),
+    Statement rows(*databases_.entries.rows(),
                    "SELECT basename, content FROM po WHERE poid = ? ORDER BY rowid");
     rows.bind(1, poid);
     int code = rows.step();
@@ -206,35 +214,48 @@ cr_status_t confirm(const CatalogPath& directory, const std::vector<std::string>
   return CR_STATUS_OK;
 }
 
-}  // namespace
+void tell(const CatalogPath& directory, const Mismatch& mismatch, Findings* findings) {
+  if (mismatch.entry.empty()) {
+    const std::string lists = directory.child(SQLiteULDB::dbfilename()).full();
+    return findings->add_lone_list(lists, mismatch.poid);
+  }
+  findings->add_content_without_list(directory.child(mismatch.entry).full(), mismatch.poid,
+                                     mismatch.entries);
+}
 
-cr_status_t find_mismatches(const CatalogPath& directory,
-                            const std::function<void(const Mismatch&)>& found) {
-  Databases databases(directory);
-  const cr_status_t opened = databases.open();
-  if (opened != CR_STATUS_OK) return opened;
-  Comparison comparison(databases);
+cr_status_t compare(const CatalogPath& directory, const Connection* entries,
+                    const Connection* lists, Findings* findings) {
+  Comparison comparison(entries, lists);
   std::vector<std::string> candidates;
   do {
     candidates = comparison.next_page();
+    if (candidates.empty()) break;
     std::vector<Mismatch> mismatches;
     const cr_status_t status = confirm(directory, candidates, &mismatches);
-    for (const Mismatch& mismatch : mismatches) found(mismatch);
+    for (const Mismatch& mismatch : mismatches) tell(directory, mismatch, findings);
     if (status != CR_STATUS_OK) return status;
   } while (candidates.size() == kPage);
   return comparison.status();
 }
 
-void tell_mismatches(const CatalogPath& directory, Findings* findings) {
-  const std::string lists = directory.child(SQLiteULDB::dbfilename()).full();
-  const cr_status_t status = find_mismatches(directory, [&](const Mismatch& mismatch) {
-    if (mismatch.entry.empty()) return findings->add_lone_list(lists, mismatch.poid);
-    findings->add_content_without_list(directory.child(mismatch.entry).full(), mismatch.poid,
-                                       mismatch.entries);
-  });
+void tell_outcome(const CatalogPath& directory, cr_status_t status, Findings* findings) {
   if (status == CR_STATUS_OK || !is_there(directory.full())) return;
   findings->add_unexamined(directory.full(), status,
                            "its contents and their lists of containers cannot be compared");
+}
+
+}  // namespace
+
+void tell_mismatches(const CatalogPath& directory, Findings* findings) {
+  Databases databases(directory);
+  const cr_status_t opened = databases.open();
+  if (opened != CR_STATUS_OK) return tell_outcome(directory, opened, findings);
+  tell_mismatches(directory, databases.entries.rows(), databases.lists.rows(), findings);
+}
+
+void tell_mismatches(const CatalogPath& directory, const Connection* entries,
+                     const Connection* lists, Findings* findings) {
+  tell_outcome(directory, compare(directory, entries, lists, findings), findings);
 }
 
 }  // namespace cli

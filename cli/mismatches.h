@@ -2,33 +2,23 @@
 // between the two commits of an ingest leaves such; the next ingest mends them.
 #pragma once
 
-#include <cstdint>
-#include <functional>
-#include <string>
-
 #include "cli/catalog.h"
 #include "cli/findings.h"
-#include "host/status.h"
+#include "cli/sqlite_reader.h"
 
 namespace cli {
 
-struct Mismatch {
-  std::string poid;
-  std::string entry;          // the first entry with data of that content; none for a lone list
-  std::uint64_t entries = 0;  // how many entries have that content
-};
-
-// Compares a directory's po.db and ul.db, page by page in order of the POIDs. What does not fit is
-// looked at again under the directory's lock, so that nothing is found that an ingest is just
-// doing; no lock is held while `found` runs. A database that is absent or has no table has no rows.
-// Returns a status when the two could not be compared to their end.
+// Compares a directory's po.db and ul.db, page by page in order of the POIDs, and tells of each
+// mismatch. What does not fit is looked at again under the directory's lock, so that nothing is
+// found that an ingest is just doing; no lock is held while something is told. A database that is
+// absent or has no table has no rows.
 //
 // A content has data when the record of one of its entries says so (PO::udcid_qualified); whatever
 // has a list is justified by any row with its POID, damaged or not.
-cr_status_t find_mismatches(const CatalogPath& directory,
-                            const std::function<void(const Mismatch&)>& found);
-
-// Tells of each.
 void tell_mismatches(const CatalogPath& directory, Findings* findings);
+
+// The same with databases that are open already; null for one that has no rows.
+void tell_mismatches(const CatalogPath& directory, const Connection* entries,
+                     const Connection* lists, Findings* findings);
 
 }  // namespace cli

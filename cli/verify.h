@@ -18,6 +18,11 @@ struct VerifyOptions {
 // other than 0 when there is no such catalog.
 cr_status_t verify_catalog(const CatalogPath& root, Findings* findings);
 
+// The same by several threads. What they find is printed to the console in the same order, and
+// counted in `findings`, whose observer is told nothing.
+cr_status_t verify_catalog_by_threads(const Console& console, const CatalogPath& root,
+                                      Findings* findings);
+
 // Prints what it finds, and the totals.
 int verify(const Console& console, const VerifyOptions& options);
 

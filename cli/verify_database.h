@@ -14,6 +14,8 @@ namespace cli {
 struct OpenDatabase {
   FileState state = FileState::nothing;
   std::unique_ptr<DatabaseCheck> check;  // when there is something to examine
+
+  const Connection* connection() const { return check ? &check->connection() : nullptr; }
 };
 
 // Checks everything of po.db but its rows: SQLite's integrity, schema and version. A directory

@@ -145,7 +145,8 @@ void verify_directory(const CatalogPath& directory, Findings* findings) {
   const bool entries = verify_entries(seen->entries, findings);
   const bool lists = verify_lists(seen->lists, findings);
   seen->look.tell(findings);
-  if (entries && lists) tell_mismatches(directory, findings);
+  if (!entries || !lists) return;
+  tell_mismatches(directory, seen->entries.connection(), seen->lists.connection(), findings);
 }
 
 }  // namespace cli
