@@ -42,6 +42,20 @@ cr_status_t read_record(Statement& row, const char* poid, RecordPtr& found) {
   return status;
 }
 
+// While the row is stood on, so that both statements see one state under one lock. Nothing is
+// removed for a contradiction: by that index it would be another's row.
+cr_status_t read_own_record(Statement& row, Statement owner, const char* poid, RecordPtr& found) {
+  cr_status_t status = read_record(row, poid, found);
+  if (status != CR_STATUS_OK) return status;
+  status = owner.prepare();
+  if (status == CR_STATUS_OK) status = check_owner(owner, poid, nullptr);
+  row.judge(owner.finalize());
+  if (status == CR_STATUS_OK) return status;
+  found.reset();
+  const bool contradicts = status == CR_STATUS_BAD_DATA || status == CR_STATUS_NOT_FOUND;
+  return contradicts ? CR_STATUS_CORRUPT : status;
+}
+
 // Bytes to store, from `malloc`.
 struct FreeBytes {
   void operator()(unsigned char* bytes) const { std::free(bytes); }
@@ -83,16 +97,13 @@ cr_status_t SQLiteULDB::get_imp(const char* poid, RecordPtr& found, bool& retry)
   const cr_status_t opened = check_db_existence(true);
   if (opened != CR_STATUS_OK) return opened;
   if (poid == nullptr) return CR_STATUS_BAD_ARG;
-  cr_status_t status = run(*this, Statement(db, dbfile_path, kRead), retry,
-                           [&](Statement& row) { return read_record(row, poid, found); });
+  const cr_status_t status =
+      run(*this, Statement(db, dbfile_path, kRead), retry, [&](Statement& row) {
+        return read_own_record(row, Statement(db, dbfile_path, kOwner), poid, found);
+      });
   if (status == CR_STATUS_NOT_FOUND) log_absent(poid);
   if (status == CR_STATUS_BAD_DATA) remove_corrupt(poid);
-  if (status != CR_STATUS_OK) return status;
-  status = run(*this, Statement(db, dbfile_path, kOwner), retry,
-               [&](Statement& owner) { return check_owner(owner, poid, nullptr); });
-  if (status != CR_STATUS_OK) found.reset();
-  // Nothing is removed: by that index it would be another's row.
-  return status == CR_STATUS_BAD_DATA ? CR_STATUS_CORRUPT : status;
+  return status;
 }
 
 void SQLiteULDB::log_absent(const char* poid) {

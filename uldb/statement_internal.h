@@ -51,6 +51,8 @@ class Statement {
   // Returns the code that says something about the database: that of a failed preparation or step,
   // otherwise SQLITE_OK.
   int finalize();
+  // Takes over what another statement's code says about the database.
+  void judge(int code) { judged_ = code; }
 
  private:
   struct Finalize {
