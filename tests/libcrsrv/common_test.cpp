@@ -28,8 +28,7 @@ TEST(CatalogPaths, HoldADatabaseOrLieThreeLevelsBelowTheCatalog) {
 bool becomes_daemon() {
   const pid_t old_session = getsid(0);
   return SDDaemonStart("d", 0) == CR_STATUS_OK && getsid(0) != old_session &&
-         getsid(0) != getpid() && fs::current_path() == "/tmp" &&
-         fs::read_symlink("/proc/self/fd/2") == "/dev/null";
+         fs::current_path() == "/tmp" && fs::read_symlink("/proc/self/fd/2") == "/dev/null";
 }
 
 TEST(DaemonStart, AdmitsOneInstanceWhoseLockEndsWithIt) {
