@@ -1,4 +1,4 @@
-// How much a harness does, where, and with whom.
+// What the harnesses share: how much they do, where, and rows and lists that are numbers.
 #pragma once
 
 #include <sys/mman.h>
@@ -6,8 +6,12 @@
 
 #include <cstdlib>
 #include <new>
+#include <numeric>
 
-#include "host/status.h"
+#include "po/file_po.h"
+#include "podb/sqlite_podb.h"
+#include "tests/support/records.h"
+#include "uldb/sqlite_uldb.h"
 
 // The value of an environment variable, for long runs, or what is usual.
 inline unsigned long sized(const char* variable, unsigned long usual) {
@@ -16,9 +20,9 @@ inline unsigned long sized(const char* variable, unsigned long usual) {
 }
 
 // Has TempDir work in memory, where a commit takes no time, unless TMPDIR says where.
-inline void work_in_memory() {
+inline bool work_in_memory() {
   constexpr const char* kMemory = "/dev/shm";
-  if (access(kMemory, W_OK) == 0) setenv("TMPDIR", kMemory, 0);
+  return access(kMemory, W_OK) == 0 && setenv("TMPDIR", kMemory, 0) == 0;
 }
 
 // Zeros that child processes write to as well, until the end of the program.
@@ -31,4 +35,31 @@ Number* shared(std::size_t count) {
 
 inline void must(cr_status_t status) {
   if (status != CR_STATUS_OK) throw status;
+}
+
+// Entries and lists take more bytes with some values than with others, some lists more than a page.
+inline void store(PODB& database, const std::string& name, unsigned long value) {
+  auto fields = file_fields(name, make_poid(value), value, "/c/p");
+  fields.owner = std::string(value * 7 % 120, 'x');
+  FilePO entry(text_of(fields));
+  must(database.put(&entry));
+}
+inline void store(SQLiteULDB& database, const std::string& name, unsigned long value) {
+  const auto count = static_cast<unsigned int>(value % 32 == 0 ? 300 : 1 + value % 30);
+  std::vector<std::uint64_t> numbers(2 * count);
+  std::iota(numbers.begin(), numbers.end(), value);
+  UDCIDRecord list(count, reinterpret_cast<unsigned char*>(numbers.data()));
+  must(database.put(name.c_str(), &list, nullptr));
+}
+
+// 0 when there is none.
+inline unsigned long load(PODB& database, const std::string& name) {
+  FilePO entry(5U);
+  const cr_status_t status = database.get(name, &entry);
+  if (status != CR_STATUS_NOT_FOUND) must(status);
+  return status == CR_STATUS_OK ? entry.get_size() : 0;
+}
+inline unsigned long load(SQLiteULDB& database, const std::string& name) {
+  const std::unique_ptr<UDCIDRecord> list(database.get(name.c_str()));
+  return list != nullptr ? list->dcids[0] : 0;
 }

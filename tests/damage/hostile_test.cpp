@@ -5,18 +5,15 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 
-#include "po/file_po.h"
-#include "podb/sqlite_podb.h"
-#include "tests/damage/subject.h"
-#include "tests/support/records.h"
+#include "refhost/control.h"
+#include "tests/crash/lane.h"
+#include "tests/damage/verify.h"
 #include "tests/support/temp_dir.h"
-#include "uldb/sqlite_uldb.h"
 
 namespace {
 
@@ -28,9 +25,8 @@ struct Hostile {
 };
 
 // As the library defines them.
-const std::string kEntries =
-    "CREATE TABLE po (basename TEXT PRIMARY KEY, poid TEXT, content TEXT, crc INT);";
-const std::string kLists =
+const std::string kTables =
+    "CREATE TABLE po (basename TEXT PRIMARY KEY, poid TEXT, content TEXT, crc INT);"
     "CREATE TABLE IF NOT EXISTS utable (poid TEXT PRIMARY KEY, udcids BLOB);";
 const std::string kEndless = "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n) ";
 
@@ -50,10 +46,8 @@ Hostile sql(const std::string& text) {
 // A sound database of 300 rows with some of its bytes overwritten.
 Hostile bytes(std::size_t offset, const std::string& written) {
   return {"bytes at " + std::to_string(offset), [offset, written](const std::string& file) {
-            run_sql(file, kEntries + kLists +
-                              "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n "
-                              "WHERE i < 300) INSERT INTO po "
-                              "SELECT i, 'p' || i, hex(zeroblob(i * 10)), 1 FROM n;"
+            run_sql(file, kTables + "INSERT INTO po " + kEndless +
+                              "SELECT i, 'p' || i, hex(zeroblob(i * 10)), 1 FROM n LIMIT 300;"
                               "INSERT INTO utable SELECT poid, zeroblob(crc + 5000) FROM po");
             std::fstream(file, std::ios::in | std::ios::out).seekp(std::streamoff(offset))
                 << written;
@@ -62,31 +56,7 @@ Hostile bytes(std::size_t offset, const std::string& written) {
 
 // Each definition of the tables with each kind of row in it.
 void add_definitions(std::vector<Hostile>& all) {
-  const std::string both = kEntries + kLists;
-  const std::string definitions[] = {
-      both,
-      "CREATE TABLE po (basename, poid, content, crc); CREATE TABLE utable (poid, udcids);",
-      "CREATE TABLE po (basename PRIMARY KEY, poid, content, crc) WITHOUT ROWID;"
-      "CREATE TABLE utable (poid PRIMARY KEY, udcids) WITHOUT ROWID;",
-      "CREATE TABLE po (basename TEXT PRIMARY KEY, poid ANY, content ANY, crc ANY) STRICT;",
-      "CREATE TABLE po (basename TEXT COLLATE RTRIM PRIMARY KEY, poid, content, crc);"
-      "CREATE TABLE utable (poid TEXT COLLATE NOCASE PRIMARY KEY, udcids);",
-      "CREATE TABLE po (basename PRIMARY KEY, poid, content, crc, more AS (hex(content)),"
-      "most AS (poid) STORED);",
-      "CREATE TABLE po (basename, poid, content, crc, more DEFAULT (zeroblob(99999999)));",
-      "CREATE TABLE po (basename CHECK (hex(zeroblob(9000000))), poid, content, crc CHECK (0));",
-      "PRAGMA foreign_keys = 1; CREATE TABLE po (basename PRIMARY KEY REFERENCES po(basename) "
-      "ON DELETE CASCADE, poid, content, crc);",
-      "CREATE TABLE po (basename); CREATE TABLE utable (poid);",
-      both + "CREATE TABLE registry (name INT, value BLOB, x);",
-      both + "CREATE INDEX po_poid ON po(upper(poid));",
-      both + "CREATE INDEX po_poid ON po(poid) WHERE crc > 7;",
-      both +
-          "CREATE TRIGGER t BEFORE INSERT ON po BEGIN DELETE FROM po; END;"
-          "CREATE TRIGGER u BEFORE INSERT ON utable BEGIN DELETE FROM utable; END;",
-      both + "CREATE TABLE x (a); CREATE TRIGGER t AFTER INSERT ON po BEGIN INSERT INTO x " +
-          kEndless + "SELECT i FROM n; END;",
-  };
+  const std::string lists = kTables.substr(kTables.find(';') + 1);
   const std::string rows[] = {
       "NULL, NULL, NULL, NULL",
       "1, 2.5, 3, -1e300",
@@ -94,12 +64,25 @@ void add_definitions(std::vector<Hostile>& all) {
       "'a' || char(0) || 'b', char(0), 'c' || char(0), '1'",
       "CAST(x'ff' AS TEXT), CAST(x'fffe' AS TEXT), CAST(x'c0' AS TEXT), 99",
       "hex(zeroblob(60000)), hex(zeroblob(60000)), hex(zeroblob(1000000)), 1",
-      "'../../x', 'p', '0|||1|||||0|N|0|040755', 18446744073709551616",
-  };
+      "'../../x', 'p', '0|||1|||||0|N|0|040755', 18446744073709551616"};
+  const std::string definitions[] = {
+      kTables,
+      "CREATE TABLE po (basename PRIMARY KEY, poid, content, crc) WITHOUT ROWID;"
+      "CREATE TABLE utable (poid PRIMARY KEY, udcids) WITHOUT ROWID;",
+      "CREATE TABLE po (basename COLLATE RTRIM PRIMARY KEY, poid, content, crc);"
+      "CREATE TABLE utable (poid COLLATE NOCASE PRIMARY KEY, udcids);",
+      "CREATE TABLE po (basename PRIMARY KEY, poid, content, crc, a AS (hex(content)) STORED);",
+      "CREATE TABLE po (basename CHECK (hex(zeroblob(9000000))), poid, content, crc CHECK (0));",
+      "CREATE TABLE po (basename PRIMARY KEY REFERENCES po ON DELETE CASCADE, poid, content, crc);",
+      "CREATE TABLE po (basename); CREATE TABLE utable (poid);",
+      kTables + "CREATE INDEX po_poid ON po(poid) WHERE crc > 7;",
+      kTables + "CREATE TRIGGER u BEFORE INSERT ON utable BEGIN DELETE FROM utable; END;",
+      kTables + "CREATE TRIGGER t AFTER INSERT ON po BEGIN INSERT INTO po(basename) " + kEndless +
+          "SELECT i FROM n; END;"};
   for (const std::string& definition : definitions) {
-    all.push_back(sql(definition + kLists));
+    all.push_back(sql(definition));
     for (const std::string& row : rows) {
-      all.push_back(sql(definition + kLists + "INSERT INTO po(basename, poid, content, crc) " +
+      all.push_back(sql(definition + lists + "INSERT INTO po(basename, poid, content, crc) " +
                         "VALUES (" + row + "); INSERT INTO utable SELECT poid, content FROM po"));
     }
   }
@@ -109,14 +92,11 @@ void add_definitions(std::vector<Hostile>& all) {
 void add_objects(std::vector<Hostile>& all) {
   const std::string columns = "(basename, poid, content, crc, udcids)";
   for (const std::string table : {"po", "utable"}) {
-    for (const std::string& rows :
-         {kEndless + "SELECT i, i, i, i, i FROM n", "SELECT * FROM " + table}) {
-      all.push_back(sql("CREATE VIEW " + table + columns + " AS " + rows));
-    }
-    for (const std::string& module :
-         {"fts4" + columns, "fts5" + columns, std::string("dbstat(main)")}) {
-      all.push_back(sql("CREATE VIRTUAL TABLE " + table + " USING " + module));
-    }
+    all.push_back(sql("CREATE VIEW " + table + columns + " AS SELECT * FROM " + table));
+    all.push_back(
+        sql("CREATE VIEW " + table + columns + " AS " + kEndless + "SELECT i, i, i, i, i FROM n"));
+    all.push_back(sql("CREATE VIRTUAL TABLE " + table + " USING fts5" + columns));
+    all.push_back(sql("CREATE VIRTUAL TABLE " + table + " USING dbstat(main)"));
     for (const std::string value :
          {"zeroblob(99999999)", "hex(hex(hex(zeroblob(12000000))))", "printf('%99999999d', 1)",
           "replace(hex(zeroblob(5000)), '0', hex(zeroblob(5000)))"}) {
@@ -125,18 +105,12 @@ void add_objects(std::vector<Hostile>& all) {
                         table + " (crc) VALUES (1)"));
     }
   }
-  std::string many = "CREATE TABLE po (c0";
-  for (int i = 1; i < 1999; ++i) many += ", c" + std::to_string(i);
   const std::string others[] = {
-      many + ")",
       "CREATE TABLE po (basename /*" + std::string(900000, 'x') + "*/)",
       "PRAGMA encoding = 'UTF-16le'; CREATE TABLE po (basename)",
       "PRAGMA journal_mode = WAL; CREATE TABLE po (basename)",
-      "PRAGMA writable_schema = 1; INSERT INTO sqlite_master VALUES "
-      "('table', 'po', 'po', 2, 'CREATE TABLE po (basename, poid, content, crc)')",
-      "CREATE TABLE po (basename); PRAGMA writable_schema = 1; "
-      "UPDATE sqlite_master SET sql = hex(zeroblob(400000))",
-      kEntries + kLists + "PRAGMA writable_schema = 1; UPDATE sqlite_master SET rootpage = 1"};
+      kTables + "PRAGMA writable_schema = 1; UPDATE sqlite_master SET rootpage = 1",
+      kTables + "PRAGMA writable_schema = 1; UPDATE sqlite_master SET sql = hex(sql)"};
   for (const std::string& other : others) all.push_back(sql(other));
 }
 
@@ -147,7 +121,7 @@ void add_bytes(std::vector<Hostile>& all) {
   // of every kind.
   for (const std::size_t offset : {0U, 16U, 18U, 20U, 21U, 28U, 32U, 44U, 52U, 56U}) {
     for (const std::string& written : {most + most, "\0\1"s, "\0\3"s, "\2\0"s, "\2\2"s, "\7\7"s,
-                                       "\0\4\0\0"s, "\0\0\0\x09"s, "\0\0\0\1\x7f\xff\xff\xff"s}) {
+                                       "\0\4\0\0"s, "\0\0\0\1\x7f\xff\xff\xff"s}) {
       all.push_back(bytes(offset, written));
     }
   }
@@ -161,6 +135,8 @@ void add_bytes(std::vector<Hostile>& all) {
 }
 
 void add_files(std::vector<Hostile>& all) {
+  const Hostile sound = bytes(0, "");
+  all.push_back(sound);
   all.push_back({"nothing", [](const std::string&) {}});
   all.push_back({"a pipe", [](const std::string& f) { mkfifo(f.c_str(), 0600); }});
   all.push_back({"a directory", [](const std::string& f) { fs::create_directory(f); }});
@@ -168,123 +144,112 @@ void add_files(std::vector<Hostile>& all) {
     all.push_back({"text " + text, [text](const std::string& f) { std::ofstream(f) << text; }});
   }
   for (const std::string to :
-       {"/dev/zero", "/dev/null", "/dev/tty", "/dev/random", "gone", ".", "po.db", "ul.db"}) {
+       {"/dev/zero", "/dev/null", "/dev/tty", "gone", ".", "po.db", "ul.db"}) {
     all.push_back({"a link to " + to, [to](const std::string& f) { fs::create_symlink(to, f); }});
   }
-  const auto then = [&](const Hostile& first, void (*change)(const std::string& file)) {
-    all.push_back({first.what + " changed", [first, change](const std::string& f) {
+  for (const auto& first : {sound, bytes(28, std::string("\0\4\0\0", 4))}) {
+    all.push_back({first.what + " and a hole", [first](const std::string& f) {
                      first.make(f);
-                     change(f);
+                     fs::resize_file(f, 1 << 30);
                    }});
-  };
-  const auto grow = [](const std::string& f) { fs::resize_file(f, 1 << 30); };
-  then({"a hole", [](const std::string& f) { std::ofstream{f}; }}, grow);
-  then(bytes(28, std::string("\0\4\0\0", 4)), grow);
-  then(bytes(0, ""), [](const std::string& f) {
-    std::ofstream(f + "-journal") << "\xd9\xd5\x05\xf9\x20\xa1\x63\xd7"
-                                  << std::string(9000, '\xff');
-  });
-  all.push_back(bytes(0, ""));
+  }
+  all.push_back({"a foreign journal", [sound](const std::string& f) {
+                   sound.make(f);
+                   std::ofstream(f + "-journal")
+                       << "\xd9\xd5\x05\xf9\x20\xa1\x63\xd7" << std::string(9000, '\xff');
+                 }});
 }
+
+using Statuses = std::set<cr_status_t>;
 
 // What an operation may answer: done, no row, what SQLite says, an empty file, a damaged row, a
 // content that is no entry, a file that is not made where one is, and rows that keep a file.
-const std::set<cr_status_t> kSpecified = {
-    CR_STATUS_OK,      CR_STATUS_NOT_FOUND,  CR_STATUS_EXISTS,   CR_STATUS_FAILED,
-    CR_STATUS_BAD_ARG, CR_STATUS_IO_ERROR,   CR_STATUS_BAD_DATA, CR_STATUS_CORRUPT,
-    CR_STATUS_NONE,    CR_STATUS_BAD_RECORD, CR_STATUS_NOT_EMPTY};
+const Statuses kSpecified = {CR_STATUS_OK,         CR_STATUS_NOT_FOUND, CR_STATUS_EXISTS,
+                             CR_STATUS_FAILED,     CR_STATUS_BAD_ARG,   CR_STATUS_IO_ERROR,
+                             CR_STATUS_BAD_DATA,   CR_STATUS_CORRUPT,   CR_STATUS_NONE,
+                             CR_STATUS_BAD_RECORD, CR_STATUS_NOT_EMPTY};
 
-using Statuses = std::vector<cr_status_t>;
-
-Statuses use_entries(const std::string& root, const std::string& dir) {
-  SQLitePODB db(root, dir);
+Statuses use_everything(const std::string& root, const std::string& dir) {
+  SQLitePODB po(root, dir);
+  SQLiteULDB ul(dir, 0);
   FilePO entry(file_text("a", make_poid(1), 1, "/c/p"));
   std::set<std::string> poids = {"p"}, leaks = {"p"};
   POQueue out;
   std::vector<std::string> names;
   unsigned long n = 0;
-  return {db.checkopen(),
-          db.get("a", &entry),
-          db.find_by_pattern("*", &out, true),
-          db.find_by_cursor("", &names, 0),
-          db.double_check(&poids, &out, &leaks, &n),
-          (db.db_integrity_OK(), db.put(&entry)),
-          db.del("a"),
-          db.drop_db_if_empty(),
-          db.close_db(0),
-          db.open()};
-}
-
-Statuses use_lists(const std::string& dir) {
-  SQLiteULDB db(dir, 0);
-  unsigned long n = 0;
   UDCIDRecord list;
-  return {db.count(&n), db.get_all([](const char*, UDCIDRecord*) { return CR_STATUS_OK; }),
-          (delete db.get("p"), *__cr_errno_location()), db.put("p", &list, nullptr), db.del("p")};
+  return {po.checkopen(),
+          po.get("a", &entry),
+          po.find_by_pattern("*", &out, true),
+          po.find_by_cursor("", &names, 0),
+          po.double_check(&poids, &out, &leaks, &n),
+          (po.db_integrity_OK(), po.put(&entry)),
+          po.del("a"),
+          po.drop_db_if_empty(),
+          po.close_db(0),
+          po.open(),
+          ul.count(&n),
+          ul.get_all([](const char*, UDCIDRecord*) { return CR_STATUS_OK; }),
+          (delete ul.get("p"), *__cr_errno_location()),
+          ul.put("p", &list, nullptr),
+          ul.del("p")};
 }
 
-TEST(HostileFiles, get_a_specified_answer_soon_and_with_little_memory) {
-  prepare();
+class HostileFiles : public testing::Test {
+ protected:
+  HostileFiles() {
+    refhost::log_to_sink([](const refhost::LogLine&) {});
+    fs::create_directories(dir_);
+  }
+
+  const bool in_memory_ = work_in_memory();
+  const TempDir root_;
+  const std::string dir_ = root_.path("5/c/p");
+};
+
+TEST_F(HostileFiles, get_a_specified_answer_soon_and_with_little_memory) {
   double slowest = 0;
   sqlite3_int64 most = 0;
-  std::size_t answers = 0;
   std::vector<Hostile> files;
   for (const auto add : {add_definitions, add_objects, add_bytes, add_files}) add(files);
   EXPECT_GE(files.size(), 200U);
   for (const Hostile& hostile : files) {
-    for (const std::string name : {"po.db", "ul.db"}) {
+    for (const std::string name : {"/po.db", "/ul.db"}) {
       SCOPED_TRACE(hostile.what + " as " + name);
-      const TempDir root;
-      const std::string dir = root.path("5/c/p");
-      fs::create_directories(dir);
-      hostile.make(dir + "/" + name);
+      fs::remove_all(dir_);
+      fs::create_directories(dir_);
+      hostile.make(dir_ + name);
       sqlite3_memory_highwater(1);
       const std::clock_t start = std::clock();  // of the processor: others may keep it busy
-      verify_finds_faults(root.path());
-      const Statuses statuses = name == "po.db" ? use_entries(root.path(), dir) : use_lists(dir);
-      const double took = static_cast<double>(std::clock() - start) / CLOCKS_PER_SEC;
-      const sqlite3_int64 memory = sqlite3_memory_highwater(0);
+      verify_finds_faults(root_.path());
+      const Statuses statuses = use_everything(root_.path(), dir_);
+      slowest = std::max(slowest, static_cast<double>(std::clock() - start) / CLOCKS_PER_SEC);
+      most = std::max(most, sqlite3_memory_highwater(0));
       for (const cr_status_t status : statuses) EXPECT_EQ(kSpecified.count(status), 1U) << status;
-      EXPECT_LT(took, 1.0);
-      EXPECT_LT(memory, 64 << 20);
-      slowest = std::max(slowest, took);
-      most = std::max(most, memory);
-      answers += statuses.size();
+      ASSERT_LT(slowest, 1.0);
+      ASSERT_LT(most, 64 << 20);
     }
   }
-  std::printf(
-      "[ figures ] %zu files in 2 places, %zu answers; slowest %.3f s, most memory %.1f MiB\n",
-      files.size(), answers, slowest, static_cast<double>(most) / (1 << 20));
+  std::printf("%zu files in 2 places; slowest %.3f s, most memory %.1f MiB\n", files.size(),
+              slowest, static_cast<double>(most) / (1 << 20));
 }
 
 // A single bit can make a table of one row look empty.
-TEST(HostileFiles, are_not_dropped_for_being_empty_when_they_only_seem_to_be) {
-  prepare();
-  const TempDir root;
-  SQLitePODB db(root.path(), root.path("5/c/p"));
-  FilePO entry(file_text("a", make_poid(1), 1, "/c/p"));
-  EXPECT_EQ(db.put(&entry) + db.close_db(0), CR_STATUS_OK);
+TEST_F(HostileFiles, are_not_dropped_for_being_empty_when_they_only_seem_to_be) {
+  SQLitePODB db(root_.path(), dir_);
+  store(db, "a", 1);
+  must(db.close_db(0));
   std::fstream(db.get_dbfile_path(), std::ios::in | std::ios::out).seekp(4096 + 4) << '\0';
-  unsigned long rows = 0;
   EXPECT_EQ(db.drop_db_if_empty(), CR_STATUS_NOT_EMPTY);
-  EXPECT_EQ(db.count(&rows) + (rows == 1 ? 0 : 1), CR_STATUS_OK) << "of the index";
 }
 
 // The same file hurts those who do not defend themselves.
-TEST(HostileFiles, would_work_on_another_connection) {
-  prepare();
-  const TempDir root;
-  const std::string dir = root.path("5/c/p");
-  fs::create_directories(dir);
-  run_sql(dir + "/po.db",
-          "CREATE TABLE x (basename PRIMARY KEY, poid, content, crc); INSERT INTO x VALUES ('a', "
-          "'', '', 1);"
-          "CREATE VIEW po AS SELECT * FROM x");
-  SQLitePODB db(root.path(), dir);
-  EXPECT_EQ(run_sql(dir + "/po.db", "SELECT 1 / (SELECT count(*) FROM po)"), SQLITE_OK);
+TEST_F(HostileFiles, would_work_on_another_connection) {
+  const std::string view = kEndless + "SELECT i AS basename, i AS poid FROM n LIMIT 3";
+  run_sql(dir_ + "/po.db", "CREATE VIEW po AS " + view);
+  EXPECT_EQ(run_sql(dir_ + "/po.db", "SELECT * FROM po"), SQLITE_OK);
   std::vector<std::string> names;
-  EXPECT_EQ(db.find_by_cursor("", &names, 0), CR_STATUS_FAILED);
-  EXPECT_TRUE(names.empty());
+  EXPECT_EQ(SQLitePODB(root_.path(), dir_).find_by_cursor("", &names, 0), CR_STATUS_FAILED);
 }
 
 }  // namespace

@@ -1,0 +1,150 @@
+// A po.db and a ul.db, to be damaged and then asked: what do their users get to see?
+#pragma once
+
+#include <map>
+#include <set>
+
+#include "refhost/control.h"
+#include "tests/crash/lane.h"
+#include "tests/support/temp_dir.h"
+
+constexpr std::size_t kRows = 64;  // tables and indexes of several pages each
+constexpr std::size_t kFirstKey = 100000;
+
+struct Answers {
+  bool noticed = false;  // an operation failed or logged an error
+  bool differs = false;  // something was missing, or is not stored
+  std::string wrong;     // an entry or a list that was not the true one
+};
+
+class Subject {
+ public:
+  explicit Subject(const char* name) : file_(dir_ + name) {}
+  virtual ~Subject() = default;
+
+  // Asks for some rows by key, and for everything. The first time the answers are the true ones.
+  Answers ask(const std::set<std::size_t>& rows) {
+    answers_ = {};
+    refhost::log_to_sink([this](const refhost::LogLine&) { answers_.noticed = true; });
+    ask_for(rows);
+    refhost::log_to_sink([](const refhost::LogLine&) {});
+    return answers_;
+  }
+
+  // Gives all rows contents that follow from a number.
+  virtual void fill(std::size_t number) = 0;
+
+  const TempDir root_ = TempDir();
+  const std::string dir_ = root_.path("5/c/p");
+  const std::string file_;
+
+ protected:
+  // By this a row can also be found in the file.
+  static std::string key_of(std::size_t row) { return make_poid(kFirstKey + row); }
+
+  template <typename Database>
+  static void fill(Database&& database, const std::string& prefix, std::size_t number) {
+    must(database.begin_transaction());
+    for (std::size_t row = 0; row < kRows; ++row) {
+      store(database, prefix + key_of(row), kFirstKey + row + number);
+    }
+    must(database.commit_transaction());
+  }
+
+  virtual void ask_for(const std::set<std::size_t>& rows) = 0;
+
+  bool note(cr_status_t status) {
+    (status == CR_STATUS_NOT_FOUND ? answers_.differs : answers_.noticed) |= status != CR_STATUS_OK;
+    return status == CR_STATUS_OK;
+  }
+  void compare(const std::string& name, const std::string& content) {
+    if (truth_.size() < kRows) truth_.emplace(name, content);
+    const auto found = truth_.find(name);
+    if (found == truth_.end() || content != found->second) answers_.wrong = name;
+  }
+
+  std::map<std::string, std::string> truth_;
+  Answers answers_;
+};
+
+class PoSubject : public Subject {
+ public:
+  PoSubject() : Subject("/po.db") { PoSubject::fill(0); }
+
+  void fill(std::size_t number) override {
+    Subject::fill(SQLitePODB(root_.path(), dir_), "f", number);
+  }
+
+ private:
+  void ask_for(const std::set<std::size_t>& rows) override {
+    SQLitePODB db(root_.path(), dir_);
+    for (const char* pattern : {"f*", "*"}) {  // by the index, and without it
+      POQueue found;
+      note(db.find_by_pattern(pattern, &found, true));
+      compare(found, kRows);
+    }
+    for (const std::size_t row : rows) {
+      FilePO entry(5);
+      const std::string name = "f" + key_of(row);
+      if (note(db.get(name, &entry))) compare(name, text_of(entry.record()));
+    }
+    std::vector<std::string> names;
+    note(db.find_by_cursor("", &names, 0));
+    answers_.differs |= names.size() != kRows;
+    for (const std::string& name : names) answers_.differs |= truth_.count(name) == 0;
+    double_check(db, rows);
+  }
+
+  void double_check(SQLitePODB& db, const std::set<std::size_t>& rows) {
+    const std::set<std::string> foreign = {make_poid(1)};
+    std::set<std::string> poids = foreign;
+    for (const std::size_t row : rows) poids.insert(key_of(row));
+    std::set<std::string> unused = poids;
+    POQueue found;
+    unsigned long count = 0;
+    note(db.double_check(&poids, &found, &unused, &count));
+    compare(found, rows.size());
+    answers_.differs |= poids != foreign || unused != foreign || count != kRows;
+  }
+
+  using Subject::compare;
+  void compare(const POQueue& entries, std::size_t expected) {
+    for (const auto& entry : entries) {
+      compare(POGetBasename(entry->record()), text_of(entry->record()));
+    }
+    answers_.differs |= entries.size() != expected;
+  }
+};
+
+class UlSubject : public Subject {
+ public:
+  UlSubject() : Subject("/ul.db") {
+    std::filesystem::create_directories(dir_);
+    UlSubject::fill(0);
+  }
+
+  void fill(std::size_t number) override { Subject::fill(SQLiteULDB(dir_, 0), "", number); }
+
+ private:
+  // The walk comes first: reading a row may remove it, or the whole file.
+  void ask_for(const std::set<std::size_t>& rows) override {
+    static UlSubject* asking;
+    static std::size_t walked;
+    asking = this, walked = 0;
+    const auto take = [](const char* poid, UDCIDRecord* list) {
+      std::string text(32 * list->ndcid + 25, '\0');
+      list->toString(text.data(), static_cast<unsigned int>(text.size()));
+      asking->compare(poid, text);
+      return ++walked, CR_STATUS_OK;
+    };
+    SQLiteULDB db(dir_, 0);
+    unsigned long count = 0;
+    note(db.count(&count));
+    note(db.get_all(take));
+    answers_.differs |= count != kRows || walked != kRows;
+    for (const std::size_t row : rows) {
+      note(db.get_one(key_of(row).c_str(), take));
+      if (*__cr_errno_location() == CR_STATUS_CORRUPT) break;  // the file may be gone
+    }
+  }
+};
