@@ -1,52 +1,134 @@
-// Runs an operation under a fault at every position, until it runs without reaching one.
+// Runs one operation with faults in its way, and tells what contradicts the promises.
 #pragma once
 
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <iostream>
 #include <map>
-#include <string>
-#include <vector>
+#include <optional>
 
 #include "tests/faults/fault.h"
 #include "tests/faults/world.h"
+#include "tests/support/files.h"
+#include "tests/support/intact.h"
 #include "tests/support/temp_dir.h"
+
+struct Kind {
+  Fault fault;
+  const char* name;
+  std::set<cr_status_t> answers;  // besides 0
+};
 
 class Matrix {
  public:
-  explicit Matrix(const Operation& operation);
+  explicit Matrix(const Operation& operation) : operation_(operation) {
+    std::filesystem::create_directory(catalog_);
+    operation_.prepare(*std::make_unique<World>(catalog_), operation_.rows);
+    std::filesystem::rename(catalog_, original_);
+    restore();
+    before_ = rows_now();
+    restore();
+    const cr_status_t status = run_caught(operation_, *std::make_unique<World>(catalog_));
+    if (status != CR_STATUS_OK) blame("fails without a fault");
+    after_ = rows_now();
+  }
 
-  // Every n, once and for good.
-  void run(Fault fault);
+  // At every position, once and for good, until the operation runs without reaching it. Returns how
+  // often it answered what.
+  std::map<cr_status_t, long> run(const Kind& kind) {
+    std::map<cr_status_t, long> statuses;
+    for (const bool for_good : {false, true}) {
+      for (long n = 1; const auto status = run_under(kind, n, for_good); ++n) ++statuses[*status];
+    }
+    std::cout << "[ figures ] " << operation_.name << ", " << kind.name << ":";
+    for (const auto& [status, times] : statuses)
+      std::cout << " status " << status << " x " << times;
+    std::cout << "\n";
+    return statuses;
+  }
 
-  // What contradicts the promises, a line each.
+  // A line each.
   const std::vector<std::string>& violations() const { return violations_; }
 
-  bool reached(Fault fault) const { return tallies_.count(fault) > 0; }
-  // Of each fault: the points, how many needed the object closed, and the statuses.
-  std::string figures() const;
-
  private:
-  struct Point {
-    Fault fault;
-    long n;
-    bool for_good;
-    std::string name() const;
-  };
-  struct Tally {
-    long points = 0, closed = 0;
-    std::map<cr_status_t, long> statuses;
-  };
+  using Rows = std::vector<std::string>;
 
-  bool reached_at(const Point& point);
-  void check_end(const Point& point, World& world, cr_status_t status);
-  bool is_specified(Fault fault, cr_status_t status) const;
-  bool is_empty_leftover(cr_status_t status) const;
-  void restore() const;
-  Rows rows_now(const std::string& when);
-  void blame(const std::string& what);
+  std::optional<cr_status_t> run_under(const Kind& kind, long n, bool for_good) {
+    restore();
+    now_ = std::string(kind.name) + " " + std::to_string(n) + (for_good ? " for good" : "");
+    const Held before = held();
+    auto world = std::make_unique<World>(catalog_);
+    arm(kind.fault, n, for_good);
+    const cr_status_t status = run_caught(operation_, *world);
+    if (!disarm()) return std::nullopt;
+    judge(*world, status);
+    world.reset();
+    const Held after = held();
+    if (after != before) blame("holds " + testing::PrintToString(after) + " in the end");
+    const auto specified = kind.answers.count(status) + operation_.also.count(status);
+    if (status != CR_STATUS_OK && specified == 0) blame("answers " + std::to_string(status));
+    return status;
+  }
 
-  const Operation& operation_;
+  // All or nothing.
+  void judge(World& world, cr_status_t status) {
+    if (world.roll_back() != CR_STATUS_OK) blame("cannot be rolled back");
+    const Rows found = rows_now();
+    const bool right = found == after_ || (status != CR_STATUS_OK && found == before_);
+    if (!right) blame("answers " + std::to_string(status) + " and leaves other rows");
+    const bool done = found == after_ && found != before_;
+    const cr_status_t again = run_again(world);
+    if (again != CR_STATUS_OK && !done) blame("does not work on: " + std::to_string(again));
+    if (rows_now() != after_) blame("does not do it again");
+  }
+
+  // On the same object, unless a creation failed: that may leave a file without content behind,
+  // which is not taken for a database until somebody removes it.
+  cr_status_t run_again(World& world) {
+    const cr_status_t status = run_caught(operation_, world);
+    if (status == CR_STATUS_OK || !before_.empty()) return status;
+    world.roll_back();
+    world.close();
+    for (const char* name : {"/po.db", "/ul.db"}) {
+      if (!intact::has_content(world.dir + name)) std::filesystem::remove(world.dir + name);
+    }
+    return run_caught(operation_, world);
+  }
+
+  void restore() const {
+    std::filesystem::remove_all(catalog_);
+    std::filesystem::copy(original_, catalog_, std::filesystem::copy_options::recursive);
+  }
+
+  // What the directory holds, sorted.
+  Rows rows_now() {
+    const std::string dir = catalog_ + "/5/c/p";
+    Rows rows;
+    intact::Faults faults;
+    for (const auto& [file, table] : {std::pair{"/po.db", "po"}, {"/ul.db", "utable"}}) {
+      const std::string all = std::string("SELECT * FROM ") + table;
+      intact::check_database(dir + file, all, faults, [&rows](sqlite3_stmt* row) {
+        std::string& line = rows.emplace_back();
+        for (int i = 0; i < sqlite3_column_count(row); ++i) line += intact::text(row, i) + "|";
+      });
+    }
+    const std::string record = read_file(dir + "/__dirpo__");
+    if (!record.empty()) rows.push_back(record);
+    std::sort(rows.begin(), rows.end());
+    for (const std::string& fault : faults) blame(fault);
+    return rows;
+  }
+
+  void blame(const std::string& what) {
+    violations_.push_back(std::string(operation_.name) + ", " + now_ + ": " + what);
+  }
+
+  const Operation operation_;
   const TempDir place_;
-  const std::string catalog_ = place_.path("cat"), original_ = place_.path("original");
+  const std::string catalog_ = place_.path("catalog"), original_ = place_.path("original");
   Rows before_, after_;
-  std::map<Fault, Tally> tallies_;
+  std::string now_;  // what is in the way
   std::vector<std::string> violations_;
 };
