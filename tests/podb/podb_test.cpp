@@ -67,8 +67,8 @@ TEST_F(Store, refuses_writes_after_a_lost_transaction_until_it_is_rolled_back) {
 TEST_F(Store, may_be_used_first_by_many_threads) {
   SQLitePODB shared(root.path(), dir);
   const auto use = [&] { EXPECT_EQ(shared.check_db_existence(true), CR_STATUS_OK); };
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 8; ++i) threads.emplace_back(use);
+  std::vector<std::thread> threads(8);
+  for (std::thread& thread : threads) thread = std::thread(use);
   for (std::thread& thread : threads) thread.join();
 }
 
@@ -108,8 +108,6 @@ TEST_F(Store, finds_by_pattern_as_file_names_are_compared) {
     std::string pattern, condition;
     Names found;
   } cases[] = {{true, "a*", "GLOB 'a*'", {"aXb", "a_b"}},
-               {true, "A*", "GLOB 'A*'", {}},
-               {false, "A*", "LIKE 'A%' ESCAPE '\\'", {"a_b", "aXb"}},
                {false, "a*_B", "LIKE 'a%\\_B' ESCAPE '\\'", {"a_b"}},
                {false, "1a?%", "LIKE '1a?\\%' ESCAPE '\\'", {}}};
   for (const auto& c : cases) {

@@ -54,7 +54,7 @@ TEST_F(Connection, maps_a_failure_and_throws_corruption_alone) {
 TEST_F(Connection, is_made_for_a_missing_or_an_empty_file_only_and_leaves_none_without_schema) {
   fs::create_symlink(file, file);  // a loop, which cannot be examined
   EXPECT_EQ(db.init_db(), CR_STATUS_FAILED);
-  fs::remove(file);
+  EXPECT_TRUE(fs::remove(file));
   write_file(file, "x");
   EXPECT_EQ(db.init_db(), CR_STATUS_EXISTS);
   EXPECT_EQ(TestDb(file + "/a.db").init_db(), CR_STATUS_FAILED);
@@ -68,6 +68,7 @@ TEST_F(Connection, is_made_for_a_missing_or_an_empty_file_only_and_leaves_none_w
   EXPECT_THROW(db.init_db(), db_exception);
   EXPECT_TRUE(db.has_handle() && !db.is_open() && fs::exists(file));
   EXPECT_EQ(db.open_db() + db.open_db() + db.init_db(), CR_STATUS_OK) << "open already";
+  EXPECT_TRUE(db.run_pragma("PRAGMA trusted_schema", "0", nullptr));
   EXPECT_TRUE(db.run_pragma("PRAGMA busy_timeout", "10000", nullptr));
   EXPECT_EQ(db.open_db(dir.path()) + db.drop_db(), 2 * CR_STATUS_FAILED);
   log.expect_error(CR_STATUS_FAILED, "Failed to open database " + dir.path());
@@ -76,10 +77,12 @@ TEST_F(Connection, is_made_for_a_missing_or_an_empty_file_only_and_leaves_none_w
 
 TEST_F(Connection, waits_for_its_statements_when_closing_and_is_abandoned_then) {
   ASSERT_EQ(db.open_db(), CR_STATUS_OK);
+  log.expect_info(CR_STATUS_OK, "Open SQLite database " + file);
   sqlite3* const handle = db.db;
   sqlite3_stmt* statement = nullptr;
   sqlite3_prepare_v2(handle, "SELECT 1", -1, &statement, nullptr);
   EXPECT_EQ(db.close_db(3), CR_STATUS_OK);
+  log.expect_info(CR_STATUS_OK, "Close SQLite database " + file);
   EXPECT_EQ(sleep.sleeps(), std::vector<unsigned int>(4, 1));
   EXPECT_FALSE(db.has_handle() || db.is_open());
   sqlite3_finalize(statement);
@@ -87,10 +90,12 @@ TEST_F(Connection, waits_for_its_statements_when_closing_and_is_abandoned_then) 
 }
 
 TEST_F(Connection, tells_of_failures_and_hands_over_rows_whose_exceptions_get_out) {
-  EXPECT_EQ(db.exec("", nullptr), CR_STATUS_NOT_FOUND);
-  log.expect_error(CR_STATUS_NOT_FOUND, file + " is not opened.");
+  EXPECT_EQ(db.exec("", nullptr) + db.rollback_transaction(), 2 * CR_STATUS_NOT_FOUND);
+  for (int i = 0; i < 2; ++i) log.expect_error(CR_STATUS_NOT_FOUND, file + " is not opened.");
   open_with_rows();
   unsigned long rows = 0;
+  EXPECT_TRUE(db.count_in_table("t", &rows) == CR_STATUS_OK && rows == 2);
+  EXPECT_FALSE(db.run_pragma("SELECT a FROM t", "3", nullptr));
   EXPECT_EQ(db.count_in_table("gone", &rows), CR_STATUS_FAILED);
   log.expect_error(CR_STATUS_FAILED, "count_in_table: faile to exec (SELECT COUNT(*) FROM gone;) ");
   const std::string sql = "bad " + std::string(1020, 'x');
