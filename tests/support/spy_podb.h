@@ -1,4 +1,4 @@
-// SpyPODB: the SQLite store with an ear on its statements and a hand on their outcome.
+// SpyPODB: the SQLite store with an ear on its statements.
 #pragma once
 
 #include <string>
@@ -12,10 +12,8 @@ class SpyPODB : public SQLitePODB {
 
   cr_status_t exec_sql_impl(const std::string& sql, void* context) override {
     statements.push_back(sql);
-    if (!failing.empty() && sql.rfind(failing, 0) == 0) return CR_STATUS_BUSY;
     return SQLitePODB::exec_sql_impl(sql, context);
   }
 
   std::vector<std::string> statements;
-  std::string failing;  // statements that begin so are not run and answer that it is busy
 };
