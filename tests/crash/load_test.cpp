@@ -28,9 +28,9 @@ class Load : public testing::Test {
     store(database, "shared", 0);
     must(database.close_db(0));
     const auto start = std::chrono::steady_clock::now();
-    std::vector<pid_t> children = {start_child([&] { return use_pool(), 0; })};
+    std::vector<pid_t> children = {start_child([&] { return write(kProcesses, kThreads); })};
     for (unsigned int process = 0; process < kProcesses; ++process) {
-      children.push_back(start_child([&] { return write_alone(process), 0; }));
+      children.push_back(start_child([&] { return write(process, 1); }));
     }
     for (const pid_t child : children) EXPECT_EQ(end_of(child), 0);
     const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
@@ -58,26 +58,23 @@ class Load : public testing::Test {
     if (in_transactions_) must(database.commit_transaction());
   }
 
-  void write_alone(unsigned int writer) const {
-    SQLitePODB database(root_.path(), directory_);
-    for (unsigned long i = 0; i < updates_; ++i) update(database, waits_[writer * updates_ + i]);
-  }
-  // Those who share a database take turns.
-  void use_pool() const {
-    PODBPool pool(kThreads);
+  // Threads that share a database of a pool take turns.
+  int write(unsigned int writer, unsigned int threads) const {
+    PODBPool pool(1);
     pool.init(root_.path(), new SQLitePODBFactory);
     std::mutex turn;
-    std::vector<std::thread> threads;
-    for (unsigned int writer = kProcesses; writer < kWriters; ++writer) {
-      threads.emplace_back([&, writer] {
-        for (unsigned long i = 0; i < updates_; ++i) {
+    std::vector<std::thread> all;
+    for (const unsigned int last = writer + threads; writer < last; ++writer) {
+      all.emplace_back([&, first = writer * updates_] {
+        for (unsigned long i = first; i < first + updates_; ++i) {
           const auto database = pool.get_podb(directory_);
           const std::lock_guard<std::mutex> lock(turn);
-          update(*database, waits_[writer * updates_ + i]);
+          update(*database, waits_[i]);
         }
       });
     }
-    for (std::thread& thread : threads) thread.join();
+    for (std::thread& thread : all) thread.join();
+    return 0;
   }
 
   const bool in_memory_ = (work_in_memory(), true);

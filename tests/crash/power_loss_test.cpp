@@ -8,8 +8,8 @@
 #include <cstring>
 
 #include "refhost/control.h"
+#include "tests/crash/disk.h"
 #include "tests/crash/lane.h"
-#include "tests/crash/memory_disk.h"
 #include "tests/support/intact.h"
 
 namespace {
@@ -31,9 +31,6 @@ int sqlite3_exec(sqlite3* db, const char* sql, int (*row)(void*, int, char**, ch
 namespace {
 
 using Rows = std::map<std::string, unsigned long>;
-
-const std::string kRoot = "/catalog";
-const std::string kDirectory = "/catalog/5/c/p";
 
 // What one database was told to hold.
 struct Ledger {
@@ -89,18 +86,19 @@ class PowerLoss : public testing::Test {
 
  private:
   void work(bool syncs) {
-    MemoryDisk disk;
+    Disk& disk = disks_[0];
+    disk.clear();
     disk.syncs = syncs;
-    disk.changed = [&] { check(disk, true); };
+    disk.changed = [&] { check(0); };
     use_disk(&disk);
     po_ = ul_ = Ledger();
-    SQLitePODB entries(kRoot, kDirectory);
-    SQLiteULDB containers(kDirectory, 0);
+    SQLitePODB entries(disk.root.path(), disk.directory);
+    SQLiteULDB containers(disk.directory, 0);
     for (int transaction = 0; transaction < 24; ++transaction) {
       random_() % 2 == 0 ? change(entries, po_) : change(containers, ul_);
       disk.changed();
     }
-    disk.changed = [] {};
+    use_disk(nullptr);
   }
 
   template <typename Database>
@@ -124,22 +122,21 @@ class PowerLoss : public testing::Test {
   }
 
   // Fails the power, recovers and judges; the power may fail once more during that.
-  void check(MemoryDisk& failing, bool may_fail_again) {
-    ++images_;
-    MemoryDisk image = failing.after_power_loss(random_);
+  void check(std::size_t cuts) {
+    Disk &failing = disks_[cuts], &image = disks_[cuts + 1];
     bool recovered = false;
     image.changed = [&] {
       recovered = true;
-      if (!may_fail_again || random_() % 4 != 0) return;
-      ++second_cuts_;
-      check(image, false);
+      if (cuts == 0 && random_() % 4 == 0) ++second_cuts_, check(1);
     };
+    use_disk(nullptr);
+    image.restart_after(failing, random_);
     use_disk(&image);
-    judge(all_of(SQLitePODB(kRoot, kDirectory)), po_);
-    judge(all_of(SQLiteULDB(kDirectory, 0)), ul_);
-    const intact::Faults faults = intact::faults_of(kDirectory);
+    judge(all_of(SQLitePODB(image.root.path(), image.directory)), po_);
+    judge(all_of(SQLiteULDB(image.directory, 0)), ul_);
+    const intact::Faults faults = intact::faults_of(image.directory);
     if (!faults.empty()) blame(corrupt_, faults.front());
-    recoveries_ += recovered;
+    ++images_, recoveries_ += recovered;
     use_disk(&failing);
   }
 
@@ -155,6 +152,8 @@ class PowerLoss : public testing::Test {
     if (first_.empty()) first_ = what + ", seed " + std::to_string(seed_);
   }
 
+  const bool in_memory_ = work_in_memory();
+  Disk disks_[3];  // the catalog, what a cut leaves of it, and a second one of that
   std::mt19937 random_;
   unsigned long seed_ = 0;
   Ledger po_, ul_;

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include "tests/damage/subjects.h"
-#include "tests/damage/verify.h"
 #include "tests/support/files.h"
 
 namespace {
