@@ -119,10 +119,6 @@ TEST_F(Store, finds_by_pattern_as_file_names_are_compared) {
     EXPECT_EQ(db.statements.back(), "SELECT basename, poid, content, crc FROM po WHERE basename " +
                                         c.condition + "  ORDER BY basename ASC ");
   }
-  Names names;
-  EXPECT_EQ(db.select_basenames(&names, "crc > 0", ORDER_DESCENDING, 2), CR_STATUS_OK);
-  EXPECT_EQ(db.find_by_cursor("100%", &names, 1), CR_STATUS_OK);
-  EXPECT_EQ(names, (Names{"aXb", "a_b", "1000", "a_b", "aXb"}));
 }
 
 constexpr hrtime_t kIdle = 301'000'000'000;

@@ -48,6 +48,7 @@ TEST_F(ApplyJournal, RestoresInOneBatchOrLineByLineAndTellsWhatItCouldNotRun) {
        false, 0, "012", ""},
       {"INSERT INTO t VALUES (1, 2);\nINSERT INTO t VALUES (1, 2);\nINSERT INTO t VALUES (3, 2);",
        false, CR_STATUS_FAILED, "01", "Failed to execute the contents of " + file},
+      {"SELECT 1 FROM missing;", true, CR_STATUS_FAILED, "0", ""},
       {"INSERT INTO t VALUES (1, 2)", false, CR_STATUS_BAD_ARG, "0",
        "Failed to find a ';' character in the the contents of " + file},
   };

@@ -26,7 +26,7 @@ struct TestDb : sqlitedb::sqlite3_wrapper {
 
 struct Connection : testing::Test {
   void open_with_rows() {
-    ASSERT_EQ(db.open_db(), CR_STATUS_OK);
+    ASSERT_EQ(db.init_db(), CR_STATUS_OK);
     ASSERT_EQ(db.exec("CREATE TABLE t (a, b); INSERT INTO t VALUES (1, 0), (2, 0)", nullptr), 0);
   }
 
@@ -67,10 +67,15 @@ TEST_F(Connection, is_made_for_a_missing_or_an_empty_file_only_and_leaves_none_w
   db.schema = [&] { return db.on_db_error(SQLITE_CORRUPT); };
   EXPECT_THROW(db.init_db(), db_exception);
   EXPECT_TRUE(db.has_handle() && !db.is_open() && fs::exists(file));
-  EXPECT_EQ(db.open_db() + db.open_db() + db.init_db(), CR_STATUS_OK) << "open already";
+  EXPECT_TRUE(db.open_db() == CR_STATUS_OK && db.is_open());
+  EXPECT_EQ(db.open_db() + db.init_db(), CR_STATUS_OK) << "open already";
   EXPECT_TRUE(db.run_pragma("PRAGMA trusted_schema", "0", nullptr));
   EXPECT_TRUE(db.run_pragma("PRAGMA busy_timeout", "10000", nullptr));
-  EXPECT_EQ(db.open_db(dir.path()) + db.drop_db(), 2 * CR_STATUS_FAILED);
+  EXPECT_EQ(db.drop_db(), CR_STATUS_OK);
+  log.expect_info(CR_STATUS_OK, "Drop database " + file + ".");
+  EXPECT_EQ(db.open_db(dir.path()), CR_STATUS_FAILED);
+  EXPECT_FALSE(db.has_handle());
+  EXPECT_EQ(db.drop_db(), CR_STATUS_FAILED);
   log.expect_error(CR_STATUS_FAILED, "Failed to open database " + dir.path());
   log.expect_error(CR_STATUS_FAILED, "Failed to delete database file " + dir.path() + ".");
 }
@@ -81,7 +86,7 @@ TEST_F(Connection, waits_for_its_statements_when_closing_and_is_abandoned_then) 
   sqlite3* const handle = db.db;
   sqlite3_stmt* statement = nullptr;
   sqlite3_prepare_v2(handle, "SELECT 1", -1, &statement, nullptr);
-  EXPECT_EQ(db.close_db(3), CR_STATUS_OK);
+  EXPECT_EQ(db.close_db(3) + db.close_db(3), CR_STATUS_OK);
   log.expect_info(CR_STATUS_OK, "Close SQLite database " + file);
   EXPECT_EQ(sleep.sleeps(), std::vector<unsigned int>(4, 1));
   EXPECT_FALSE(db.has_handle() || db.is_open());
@@ -90,8 +95,9 @@ TEST_F(Connection, waits_for_its_statements_when_closing_and_is_abandoned_then) 
 }
 
 TEST_F(Connection, tells_of_failures_and_hands_over_rows_whose_exceptions_get_out) {
-  EXPECT_EQ(db.exec("", nullptr) + db.rollback_transaction(), 2 * CR_STATUS_NOT_FOUND);
-  for (int i = 0; i < 2; ++i) log.expect_error(CR_STATUS_NOT_FOUND, file + " is not opened.");
+  EXPECT_EQ(db.exec("", nullptr) + db.get_changes() + db.rollback_transaction(),
+            2 * CR_STATUS_NOT_FOUND);
+  for (int i = 0; i < 3; ++i) log.expect_error(CR_STATUS_NOT_FOUND, file + " is not opened.");
   open_with_rows();
   unsigned long rows = 0;
   EXPECT_TRUE(db.count_in_table("t", &rows) == CR_STATUS_OK && rows == 2);
@@ -99,13 +105,16 @@ TEST_F(Connection, tells_of_failures_and_hands_over_rows_whose_exceptions_get_ou
   EXPECT_EQ(db.count_in_table("gone", &rows), CR_STATUS_FAILED);
   log.expect_error(CR_STATUS_FAILED, "count_in_table: faile to exec (SELECT COUNT(*) FROM gone;) ");
   const std::string sql = "bad " + std::string(1020, 'x');
-  EXPECT_EQ(db.exec(sql + "x", nullptr), CR_STATUS_FAILED);
-  log.expect_error(4, file + ": failed to execute [[[\"" + sql.substr(0, 1020) +
-                          "....\"]]] (1:near \"bad\": syntax error)");
+  EXPECT_EQ(db.exec(sql, nullptr) + db.exec(sql + "x", nullptr), 2 * CR_STATUS_FAILED);
+  for (const std::string& shown : {sql, sql.substr(0, 1020) + "...."}) {
+    log.expect_error(
+        4, file + ": failed to execute [[[\"" + shown + "\"]]] (1:near \"bad\": syntax error)");
+  }
   std::string seen;
   db.row = [&](const char* value) { return seen += value, 0; };
   EXPECT_EQ(db.exec("SELECT a FROM t; DELETE FROM t WHERE a > 1", &seen), CR_STATUS_OK);
   EXPECT_EQ(seen, "12");
+  EXPECT_EQ(db.get_changes(), 1);
   db.row = [](const char*) -> int { throw 7; };
   EXPECT_THROW(db.exec("SELECT a FROM t", &db), int);
   EXPECT_EQ(db.close_db(0), CR_STATUS_OK);
