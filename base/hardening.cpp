@@ -1,5 +1,7 @@
 #include <sqlite3.h>
 
+#include <algorithm>
+
 #include "base/hardening_internal.h"
 
 namespace {
@@ -25,4 +27,10 @@ void harden(sqlite3* db) {
     sqlite3_db_config(db, setting.option, setting.value, nullptr);
   }
   sqlite3_exec(db, kPragmas, nullptr, nullptr, nullptr);
+}
+
+void limit_values(sqlite3* db, std::int64_t file_size) {
+  constexpr std::int64_t kHeldBack = 8 << 20;
+  const std::int64_t longest = std::min(file_size + kHeldBack, kAnySize);
+  sqlite3_limit(db, SQLITE_LIMIT_LENGTH, static_cast<int>(longest));
 }

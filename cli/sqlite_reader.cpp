@@ -2,7 +2,6 @@
 
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <cstddef>
 #include <limits>
 
@@ -15,14 +14,9 @@ namespace {
 constexpr int kBusyMilliseconds = 10000;
 constexpr std::size_t kPage = 512;
 
-// What is stored is no longer than its file, but for what is added while it is read; a definition
-// in a hostile file can make SQLite compute more.
-int longest_value(const std::string& file) {
-  constexpr std::int64_t kAdded = 8 << 20;
-  constexpr std::int64_t kUnlimited = std::numeric_limits<int>::max();
+std::int64_t size_of(const std::string& file) {
   struct stat info {};
-  if (stat(file.c_str(), &info) != 0) return kAdded;
-  return static_cast<int>(std::min<std::int64_t>(info.st_size + kAdded, kUnlimited));
+  return stat(file.c_str(), &info) == 0 ? info.st_size : 0;
 }
 
 }  // namespace
@@ -33,7 +27,7 @@ int Connection::open(const std::string& file) {
   db_.reset(opened);
   if (code != SQLITE_OK) return code;
   harden(opened);
-  sqlite3_limit(opened, SQLITE_LIMIT_LENGTH, longest_value(file));
+  limit_values(opened, size_of(file));
   return sqlite3_busy_timeout(opened, kBusyMilliseconds);
 }
 

@@ -2,12 +2,11 @@
 
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <cstdint>
 #include <cstring>
-#include <limits>
 #include <new>
 
+#include "base/hardening_internal.h"
 #include "host/files.h"
 #include "host/log.h"
 #include "sqlitedb/durable_internal.h"
@@ -15,15 +14,9 @@
 
 namespace {
 
-constexpr int kUnlimited = std::numeric_limits<int>::max();
-
-// What is stored is no longer than its file, but for what SQLite holds back in a transaction; a
-// definition in a hostile file can make it compute more.
-int longest_in(const std::string& file) {
-  constexpr std::int64_t kHeldBack = 8 << 20;
+std::int64_t size_of(const std::string& file) {
   struct stat info {};
-  if (wa_stat(file.c_str(), &info) != CR_STATUS_OK) return kUnlimited;
-  return static_cast<int>(std::min<std::int64_t>(info.st_size + kHeldBack, kUnlimited));
+  return wa_stat(file.c_str(), &info) == CR_STATUS_OK ? info.st_size : kAnySize;
 }
 
 }  // namespace
@@ -43,7 +36,7 @@ Statement::Statement(sqlite3* connection, const std::string& path, const Stateme
 
 cr_status_t Statement::prepare() {
   sqlite3_stmt* made = nullptr;
-  sqlite3_limit(db_, SQLITE_LIMIT_LENGTH, texts_.writes ? kUnlimited : longest_in(path_));
+  limit_values(db_, texts_.writes ? kAnySize : size_of(path_));
   if (texts_.writes) judged_ = sqlitedb::make_commits_durable(db_, nullptr);
   if (judged_ == SQLITE_OK) judged_ = sqlite3_prepare_v2(db_, texts_.sql, -1, &made, nullptr);
   statement_.reset(made);
