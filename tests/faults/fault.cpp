@@ -29,18 +29,19 @@ bool strikes(Fault fault) noexcept {
   return reached = true;
 }
 
-// Makes the call unless a fault strikes.
-template <Fault... faults, typename... Arguments>
-int call(long number, Arguments... arguments) {
-  for (const Fault fault : {faults...}) {
-    if (!strikes(fault)) continue;
-    errno = fault == Fault::DiskFull ? ENOSPC : fault == Fault::CannotOpen ? EMFILE : EIO;
-    return -1;
-  }
-  return static_cast<int>(syscall(number, arguments...));
+int error_of(Fault fault) {
+  if (fault == Fault::RefusedLock) return EAGAIN;
+  return fault == Fault::DiskFull ? ENOSPC : fault == Fault::CannotOpen ? EMFILE : EIO;
 }
 
-constexpr mode_t kMode = 0644;  // of every file that is created here
+// Makes the call unless a fault strikes.
+template <typename... Arguments>
+int call(std::initializer_list<Fault> faults, long number, Arguments... arguments) {
+  const auto* const fault = std::find_if(faults.begin(), faults.end(), strikes);
+  if (fault == faults.end()) return static_cast<int>(syscall(number, arguments...));
+  errno = error_of(*fault);
+  return -1;
+}
 
 std::atomic<long> live_blocks{0}, closed_beside_sqlite{0};
 std::array<std::atomic<ino_t>, 1024> of_sqlite{};  // its open files, by descriptor
@@ -65,16 +66,13 @@ sqlite3_mem_methods real_memory;
 extern "C" {
 
 int stat(const char* path, struct stat* out) noexcept {
-  return call<Fault::IoError>(SYS_newfstatat, AT_FDCWD, path, out, 0);
+  return call({Fault::IoError}, SYS_newfstatat, AT_FDCWD, path, out, 0);
 }
 int fstat64(int file, struct stat64* out) noexcept {
-  return call<Fault::IoError>(SYS_fstat, file, out);
-}
-int mkdirat(int directory, const char* name, mode_t mode) noexcept {
-  return call<Fault::IoError, Fault::DiskFull>(SYS_mkdirat, directory, name, mode);
+  return call({Fault::IoError}, SYS_fstat, file, out);
 }
 int openat(int directory, const char* name, int flags, ...) {
-  return call<Fault::CannotOpen>(SYS_openat, directory, name, flags, kMode);
+  return call({Fault::CannotOpen}, SYS_openat, directory, name, flags, 0644);
 }
 // SQLite's own. For want of a descriptor it would try to read only, and keep to that.
 int open64(const char* path, int flags, ...) {
@@ -85,7 +83,7 @@ int open64(const char* path, int flags, ...) {
 }
 int close(int file) {
   before_close(file);
-  return static_cast<int>(syscall(SYS_close, file));
+  return call({}, SYS_close, file);
 }
 int fclose(FILE* stream) {
   static const auto real = reinterpret_cast<decltype(&fclose)>(dlsym(RTLD_NEXT, "fclose"));
@@ -93,31 +91,31 @@ int fclose(FILE* stream) {
   return real(stream);
 }
 int renameat(int from, const char* old_name, int to, const char* new_name) noexcept {
-  return call<Fault::IoError, Fault::DiskFull>(SYS_renameat2, from, old_name, to, new_name, 0);
+  return call({Fault::IoError, Fault::DiskFull}, SYS_renameat2, from, old_name, to, new_name, 0);
 }
 // SQLite takes EIO for a damaged file here, which no other call's error is.
 ssize_t pread64(int file, void* bytes, size_t size, off64_t at) {
   if (strikes(Fault::ShortRead)) size = (size + 1) / 2;
-  const auto done = call<Fault::IoError>(SYS_pread64, file, bytes, size, at);
+  const auto done = call({Fault::IoError}, SYS_pread64, file, bytes, size, at);
   if (done < 0) errno = ESTALE;
   return done;
 }
 ssize_t write(int file, const void* bytes, size_t size) {
-  return call<Fault::IoError, Fault::DiskFull>(SYS_write, file, bytes, size);
+  return call({Fault::IoError, Fault::DiskFull}, SYS_write, file, bytes, size);
 }
 ssize_t pwrite64(int file, const void* bytes, size_t size, off64_t at) {
   if (strikes(Fault::SwallowedWrite)) return static_cast<ssize_t>(size);
-  const auto written = call<Fault::IoError, Fault::DiskFull>(SYS_pwrite64, file, bytes, size, at);
+  const auto written = call({Fault::IoError, Fault::DiskFull}, SYS_pwrite64, file, bytes, size, at);
   if (written < 0) syscall(SYS_pwrite64, file, bytes, size / 2, at);
   return written;
 }
 int ftruncate64(int file, off64_t size) noexcept {
-  return call<Fault::IoError>(SYS_ftruncate, file, size);
+  return call({Fault::IoError}, SYS_ftruncate, file, size);
 }
-int fsync(int file) { return call<Fault::FailedSync>(SYS_fsync, file); }
-int fdatasync(int file) { return call<Fault::FailedSync>(SYS_fdatasync, file); }
+int fsync(int file) { return call({Fault::FailedSync}, SYS_fsync, file); }
+int fdatasync(int file) { return call({Fault::FailedSync}, SYS_fdatasync, file); }
 int unlink(const char* path) noexcept {
-  return call<Fault::FailedDelete>(SYS_unlinkat, AT_FDCWD, path, 0);
+  return call({Fault::FailedDelete}, SYS_unlinkat, AT_FDCWD, path, 0);
 }
 // A lock that is lowered is granted always.
 int fcntl64(int file, int command, ...) {
@@ -127,11 +125,8 @@ int fcntl64(int file, int command, ...) {
   va_end(arguments);
   const bool raised = command == F_SETLK && lock->l_type != F_UNLCK &&
                       (lock->l_type == F_WRLCK || lock->l_len == 1);
-  if (!raised || !strikes(Fault::RefusedLock)) {
-    return static_cast<int>(syscall(SYS_fcntl, file, command, lock));
-  }
-  errno = EAGAIN;
-  return -1;
+  if (!raised) return call({}, SYS_fcntl, file, command, lock);
+  return call({Fault::RefusedLock}, SYS_fcntl, file, command, lock);
 }
 
 // The linker leads the calls of this program's objects here.
@@ -181,7 +176,6 @@ bool disarm() {
 }
 
 Held held() {
-  namespace fs = std::filesystem;
-  const auto descriptors = std::distance(fs::directory_iterator("/proc/self/fd"), {});
+  const auto descriptors = std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
   return {live_blocks, descriptors, static_cast<long>(sqlite3_memory_used()), closed_beside_sqlite};
 }

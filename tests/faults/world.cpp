@@ -2,15 +2,12 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <new>
+#include <fstream>
 
 #include "po/dir_po.h"
 #include "po/file_po.h"
 #include "podb/retention.h"
-#include "podb/sqlite_podb.h"
-#include "refhost/control.h"
 #include "sqlitedb/sqlite_wrapper.h"
-#include "tests/support/files.h"
 #include "tests/support/raw_database.h"
 #include "tests/support/records.h"
 
@@ -21,22 +18,12 @@ constexpr cr_status_t kUntrue = -77;
 
 int stored_rows() {
   const char* const soak = std::getenv("POCATALOG_SOAK");
-  return 40 * (soak != nullptr ? std::max(1, std::atoi(soak)) : 1);
+  return 44 * (soak != nullptr ? std::max(1, std::atoi(soak)) : 1);
 }
-
-std::string name(const char* kind, int i) { return kind + std::to_string(i); }
 
 // Of the content of an entry in its version.
-std::string poid(int i, int version = 0) {
-  return make_poid(static_cast<std::uint64_t>(100 * i + version));
-}
-
-refhost::RecordFields fields(const std::string& leaf, int i, int version) {
-  refhost::RecordFields made =
-      file_fields(leaf, poid(i, version), static_cast<std::uint64_t>(10 + version), "/c/p");
-  made.dsid = 5;
-  made.content_fp = "f";
-  return made;
+std::string poid(int i, std::uint64_t version = 0) {
+  return make_poid(100 * static_cast<std::uint64_t>(i) + version);
 }
 
 // One statement, or many in a transaction.
@@ -48,17 +35,18 @@ cr_status_t batch(Database& db, int rows, Each each) {
   return status == CR_STATUS_OK ? db.commit_transaction() : status;
 }
 
-cr_status_t put(World& w, int rows, const char* kind, int version) {
-  return batch(w.po(), rows, [&](int i) {
-    FilePO entry(text_of(fields(name(kind, i), i, version)));
-    return w.po().put(&entry);
-  });
+auto put(const char* kind, std::uint64_t version) {
+  return [=](World& w, int rows) {
+    return batch(w.po(), rows, [&](int i) {
+      FilePO entry(file_text(kind + std::to_string(i), poid(i, version), 10, "/c/p"));
+      return w.po().put(&entry);
+    });
+  };
 }
-cr_status_t add(World& w, int rows) { return put(w, rows, "new", 1); }
-cr_status_t replace(World& w, int rows) { return put(w, rows, "old", 2); }
+const auto add = put("new", 1), replace = put("old", 2);
 
 cr_status_t erase(World& w, int rows) {
-  return batch(w.po(), rows, [&](int i) { return w.po().del(name("old", i)); });
+  return batch(w.po(), rows, [&](int i) { return w.po().del("old" + std::to_string(i)); });
 }
 
 // Why something that is there was not found.
@@ -70,7 +58,7 @@ cr_status_t reason() {
 cr_status_t get(World& w, int rows) {
   return batch(w.po(), rows, [&](int i) {
     FilePO entry(5);
-    const cr_status_t status = w.po().get(name("old", i), &entry);
+    const cr_status_t status = w.po().get("old" + std::to_string(i), &entry);
     return status == CR_STATUS_NOT_FOUND ? reason() : status;
   });
 }
@@ -89,7 +77,8 @@ cr_status_t update(World& w, const refhost::RecordFields& made) {
 // Replaces, adds and deletes in turn.
 cr_status_t update_files(World& w, int rows) {
   return batch(w.po(), rows, [&](int i) {
-    refhost::RecordFields made = fields(name(i % 3 == 1 ? "new" : "old", i), i, 3);
+    const std::string leaf = (i % 3 == 1 ? "new" : "old") + std::to_string(i);
+    refhost::RecordFields made = file_fields(leaf, poid(i, 3), 10, "/c/p");
     if (i % 3 == 2) made.mod_type = 'D';
     return update(w, made);
   });
@@ -98,7 +87,6 @@ cr_status_t update_files(World& w, int rows) {
 template <char ModType>
 cr_status_t update_directory(World& w, int) {
   refhost::RecordFields made = dir_fields("p", "/c");
-  made.dsid = 5;
   made.mod_type = ModType;
   made.owner = "1:1";
   return update(w, made);
@@ -107,7 +95,7 @@ cr_status_t update_directory(World& w, int) {
 // No clock is asked on cloud storage.
 cr_status_t set_retention(World& w, int rows) {
   return batch(w.po(), rows, [&](int i) {
-    return w.po().set_retention(name("old", i), RETENTION_LOCK | RETENTION_CLOUD, 50);
+    return w.po().set_retention("old" + std::to_string(i), RETENTION_LOCK | RETENTION_CLOUD, 50);
   });
 }
 
@@ -141,7 +129,7 @@ cr_status_t evict_and_reopen(World& w, int rows) {
   return opened == CR_STATUS_OK ? add(w, rows) : opened;
 }
 
-template <int Version>
+template <std::uint64_t Version>
 cr_status_t put_lists(World& w, int rows) {
   return batch(w.ul, rows, [&](int i) {
     std::vector<std::uint64_t> list(60, 77);
@@ -163,7 +151,7 @@ void nothing(World&, int) {}
 // Both databases, the directory's record and a journal. With small pages and a small cache, pages
 // are on their way to the file long before the commit.
 void fill(World& w, int rows) {
-  put(w, stored_rows(), "old", 0);
+  put("old", 0)(w, stored_rows());
   put_lists<0>(w, stored_rows());
   w.close();
   for (const std::string& file : {w.po().get_dbfile_path(), w.ul.get_dbfile_path()}) {
@@ -171,9 +159,9 @@ void fill(World& w, int rows) {
   }
   DirPO(5).save(w.dir);
   std::ofstream journal(w.root + "/journal.sql");
-  for (int i = 1000; i < 1000 + rows; ++i) {
-    journal << "INSERT OR REPLACE INTO po VALUES('" << name("journal", i) << "', '" << poid(i)
-            << "', '" << text_of(fields("", i, 0)) << "', " << i << ");\n";
+  for (int i = 0; i < rows; ++i) {
+    journal << "INSERT OR REPLACE INTO po VALUES('"
+            << "new" + std::to_string(i) << "', 'p', 'c', 1);\n";
   }
 }
 
@@ -182,10 +170,8 @@ void fill(World& w, int rows) {
 void fill_and_crash(World& w, int rows) {
   namespace fs = std::filesystem;
   fill(w, rows);
-  std::vector<std::string> all;
-  w.po().get_basenames(&all);
   w.po().begin_transaction();
-  w.po().del(all);
+  for (int i = 0; i < stored_rows(); ++i) w.po().del("old" + std::to_string(i));
   fs::copy(w.dir, w.root + "/dead", fs::copy_options::recursive);
   w.roll_back();
   w.close();
@@ -228,30 +214,4 @@ std::vector<Operation> operations() {
 Operation operation_named(const std::string& name) {
   const std::vector<Operation> all = operations();
   return *std::find_if(all.begin(), all.end(), [&](const Operation& o) { return o.name == name; });
-}
-
-World::World(const std::string& catalog_root) : root(catalog_root) {
-  refhost::set_clock(0);
-  pool.init(root, new SQLitePODBFactory);
-  ul.db_close();  // opened under faults as well
-}
-
-cr_status_t World::roll_back() {
-  if (ul.is_transaction_active()) ul.rollback_transaction();
-  return po().is_transaction_active(nullptr) ? po().rollback_transaction() : CR_STATUS_OK;
-}
-
-void World::close() {
-  ul.db_close();
-  pool.close_all();
-}
-
-cr_status_t run_caught(const Operation& operation, World& world) try {
-  return operation.run(world, operation.rows);
-} catch (const std::bad_alloc&) {
-  return CR_STATUS_NO_MEMORY;
-} catch (const Cr_ErrnoException& caught) {
-  return caught.status();
-} catch (const sqlitedb::db_exception& caught) {
-  return caught.cr_status();
 }

@@ -9,17 +9,29 @@
 #include <vector>
 
 #include "podb/podb_pool.h"
+#include "podb/sqlite_podb.h"
+#include "refhost/control.h"
 #include "uldb/sqlite_uldb.h"
 
 // The directory root/5/c/p.
 struct World {
-  explicit World(const std::string& catalog_root);
+  explicit World(const std::string& catalog_root) : root(catalog_root) {
+    refhost::set_clock(0);
+    pool.init(root, new SQLitePODBFactory);
+    ul.db_close();  // opened under faults as well
+  }
 
   PODB& po() { return *pool.get_podb(dir); }
   // Ends what an operation left open, as callers do after a failure.
-  cr_status_t roll_back();
-  // Closes everything, for an object that does not work on by itself.
-  void close();
+  cr_status_t roll_back() {
+    if (ul.is_transaction_active()) ul.rollback_transaction();
+    return po().is_transaction_active(nullptr) ? po().rollback_transaction() : CR_STATUS_OK;
+  }
+  // For an object that does not work on by itself.
+  void close() {
+    ul.db_close();
+    pool.close_all();
+  }
 
   const std::string root;
   const std::string dir = root + "/5/c/p";
@@ -42,6 +54,3 @@ inline void PrintTo(const Operation& operation, std::ostream* out) { *out << ope
 // multiplies the rows.
 std::vector<Operation> operations();
 Operation operation_named(const std::string& name);
-
-// Runs it; what the host and the library may throw is what memory running out looks like.
-cr_status_t run_caught(const Operation& operation, World& world);

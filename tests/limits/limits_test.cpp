@@ -10,6 +10,7 @@
 #include "tests/cli/read_fixture.h"
 #include "tests/faults/fault.h"
 #include "tests/support/private_mounts.h"
+#include "uldb/sqlite_uldb.h"
 
 namespace {
 
@@ -17,8 +18,8 @@ const std::string kDisk = "/mnt";  // the test's own, once mounted
 const std::string kCatalog = kDisk + "/catalog";
 
 struct Limits {
-  const char* name;
-  const char* of_disk;
+  const char* name = nullptr;
+  const char* of_disk = nullptr;
   rlim_t file_size = RLIM_INFINITY;
   rlim_t free_descriptors = 1000;
 };
@@ -96,7 +97,6 @@ constexpr const char* kCommands[] = {
     "rm catalog 5/client/policy/gone",
     "retention show catalog 5/client/policy/1",
     "journal apply catalog/5/client/policy/po.db ../journal",
-    "journal apply --dry-run catalog/5/client/policy/po.db ../journal",
     "ingest ../source --root catalog --dsid 5 --client client --policy policy --threads 1"};
 
 TEST(Commands, KeepNothingAndCloseNoDatabaseBesideSQLite) {
@@ -106,15 +106,13 @@ TEST(Commands, KeepNothingAndCloseNoDatabaseBesideSQLite) {
   write_file(temp.path("journal"), "UPDATE registry SET value = '1';\n");
   fs::create_directory(temp.path("missing"));
   ASSERT_EQ(ingest(temp.path("source"), temp.path("sound/catalog")).status, cli::kDone);
-  std::vector<std::unique_ptr<sqlite3, decltype(&sqlite3_close)>> open_databases;
-  for (const std::string file :
-       {"/catalog/5/client/policy/po.db", "/catalog/5/client/policy/ul.db"}) {
-    write_file(temp.path("garbage" + file), "garbage");
-    ASSERT_TRUE(fs::exists(temp.path("sound") + file));
-    sqlite3* db = nullptr;
-    ASSERT_EQ(sqlite3_open(temp.path("sound" + file).c_str(), &db), SQLITE_OK);
-    open_databases.emplace_back(db, &sqlite3_close);
-    sqlite3_exec(db, "SELECT * FROM sqlite_master", nullptr, nullptr, nullptr);
+  const std::string catalog = temp.path("sound/catalog"), image = "/catalog/5/client/policy";
+  SQLitePODB po(catalog, temp.path("sound" + image));
+  SQLiteULDB ul(temp.path("sound" + image), 0);
+  unsigned long n = 0;
+  EXPECT_EQ(po.count(&n) + ul.count(&n), 2 * CR_STATUS_OK) << "they are open meanwhile";
+  for (const char* name : {"/po.db", "/ul.db"}) {
+    write_file(temp.path("garbage" + image + name), "garbage");
   }
   for (const char* place : {"sound", "garbage", "missing"}) {
     fs::current_path(temp.path(place));
@@ -126,7 +124,7 @@ TEST(Commands, KeepNothingAndCloseNoDatabaseBesideSQLite) {
     }
   }
   const Held before = held();
-  std::ifstream(temp.path("sound/catalog/5/client/policy/po.db")).get();
+  std::ifstream(po.get_dbfile_path()).get();
   EXPECT_EQ(held()[3], before[3] + 1) << "the negative control";
 }
 
