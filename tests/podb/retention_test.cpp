@@ -136,7 +136,7 @@ TEST_F(Retention, NeedsTheClockOfTheMountPointForLocksAndTheirReports) {
     int reason;
     const char* line;
   } cases[] = {{"/opt/m\nrest", "/opt/m", CR_STATUS_OK, 0, ""},
-               {"", "/opt/halyard/arbor-manage/worm", CR_STATUS_OK, 0, ""},
+               {"/opt/gone\n", "/opt/halyard/arbor-manage/worm", CR_STATUS_OK, 0, ""},
                {"/opt/m\n", "/opt/other", CR_STATUS_NOT_PROVIDED, ENOENT,
                 "get_compclk: compliance clock mount point is not existing"},
                {"/opt/s", "/opt/s", CR_STATUS_NOT_PROVIDED, EOPNOTSUPP,

@@ -97,7 +97,8 @@ TEST_F(Connection, waits_for_its_statements_when_closing_and_is_abandoned_then) 
 TEST_F(Connection, tells_of_failures_and_hands_over_rows_whose_exceptions_get_out) {
   EXPECT_EQ(db.exec("", nullptr) + db.get_changes() + db.rollback_transaction(),
             2 * CR_STATUS_NOT_FOUND);
-  for (int i = 0; i < 3; ++i) log.expect_error(CR_STATUS_NOT_FOUND, file + " is not opened.");
+  EXPECT_FALSE(db.run_pragma("PRAGMA page_size", "4096", nullptr));
+  for (int i = 0; i < 4; ++i) log.expect_error(CR_STATUS_NOT_FOUND, file + " is not opened.");
   open_with_rows();
   unsigned long rows = 0;
   EXPECT_TRUE(db.count_in_table("t", &rows) == CR_STATUS_OK && rows == 2);
@@ -131,7 +132,6 @@ TEST_F(Connection, waits_for_writers_and_is_durable_each_time_it_is_opened) {
   EXPECT_EQ(sleep.sleeps(), std::vector<unsigned int>(60, 1));
   const FakeSleep meanwhile([&](unsigned int) { other.close_db(0); });
   EXPECT_EQ(db.begin_transaction() + db.rollback_transaction(), CR_STATUS_OK);
-  EXPECT_EQ(db.exec("SELECT 1; DELETE FROM t", nullptr), CR_STATUS_OK);
   EXPECT_TRUE(db.run_pragma("PRAGMA synchronous", "3", nullptr));
 }
 
