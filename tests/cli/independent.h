@@ -4,10 +4,10 @@
 #include <fmt/format.h>
 #include <openssl/sha.h>
 
-#include <array>
 #include <cstdint>
 #include <map>
 #include <string>
+#include <vector>
 
 #include "tests/support/raw_database.h"
 
@@ -33,11 +33,6 @@ inline std::uint32_t plain_adler32(const std::string& bytes) {
   return b << 16 | a;
 }
 
-// Where a segment lies.
-inline std::uint64_t container_of(const std::string& segment) {
-  return 64 + std::stoull(sha256_hex(segment).substr(0, 12), nullptr, 16);
-}
-
 // The list of a content's containers as it is stored: version, count, containers, their bytes and
 // a checksum.
 inline std::string list_for(const std::string& content) {
@@ -45,7 +40,7 @@ inline std::string list_for(const std::string& content) {
   std::map<std::uint64_t, std::uint64_t> containers;
   for (std::size_t at = 0; at < content.size(); at += kSegment) {
     const std::string segment = content.substr(at, kSegment);
-    containers[container_of(segment)] += segment.size();
+    containers[64 + std::stoull(sha256_hex(segment).substr(0, 12), nullptr, 16)] += segment.size();
   }
   std::string bytes;
   const auto append = [&bytes](std::uint64_t value, std::size_t size) {
@@ -63,10 +58,8 @@ using Lists = std::map<std::string, std::string>;  // by POID
 
 inline Lists lists_of(const std::string& directory) {
   Lists lists;
-  for (const auto& row :
-       raw_sql(directory + "/ul.db", "SELECT poid, lower(hex(udcids)) FROM utable")) {
-    lists[row[0]] = row[1];
-  }
+  const std::string all = "SELECT poid, lower(hex(udcids)) FROM utable";
+  for (const auto& row : raw_sql(directory + "/ul.db", all)) lists[row[0]] = row[1];
   return lists;
 }
 

@@ -1,6 +1,5 @@
 #include <algorithm>
 #include <boost/algorithm/string/replace.hpp>
-#include <set>
 
 #include "cli/cause.h"
 #include "tests/cli/read_fixture.h"
@@ -9,16 +8,11 @@ namespace {
 
 class ListTest : public CatalogTest {
  protected:
-  void TearDown() override {
-    refhost::set_case_sensitive(true);
-    CatalogTest::TearDown();
-  }
   // The paths that are found, without the image's.
   std::string found(const std::string& pattern, const std::string& conditions = "") const {
-    const Outcome outcome = command("find " + root_ + " " + conditions + " --", {pattern});
+    const Outcome outcome = command("find" + in_ + conditions + " --", {pattern});
     return boost::replace_all_copy(outcome.out, image_ + "/", "");
   }
-
   const std::string in_ = " " + root_ + " ";
 };
 
@@ -42,19 +36,14 @@ TEST_F(ListTest, FilesAndDirectoriesAreListedInByteOrder) {
 TEST_F(ListTest, DamagedRowsAreNamedByLsAndFindAndDoNotStopThePages) {
   add_file("name");
   sql("WITH RECURSIVE n(i) AS (SELECT 1000 UNION ALL SELECT i + 1 FROM n WHERE i < 3399) INSERT "
-      "INTO po SELECT iif(i % 2, 'odd', 'even') || i, poid, content, 0 FROM n, po; UPDATE po SET "
-      "basename = CASE substr(basename, 4) WHEN '1511' THEN x'61' WHEN '1513' THEN 'row1' || "
-      "char(0) WHEN '1515' THEN NULL WHEN '1517' THEN 'a/name' ELSE basename END");
-  auto lines = expect(cli::kInconsistent, "ls --json" + in_ + image_).json();
-  EXPECT_EQ(lines.back()["problem"], "has rows without a usable name");
-  lines.pop_back();
-  std::set<std::string> names;
-  for (const auto& line : lines) {
-    EXPECT_EQ(line["type"], line["name"] == "name" ? "file" : "damaged");
-    names.insert(line["name"]);
+      "INTO po SELECT iif(i % 2, 'odd', 'even') || i, poid, content, 0 FROM n, po");
+  Names listed;
+  for (const auto& line : expect(cli::kInconsistent, "ls --json" + in_ + image_).json()) {
+    listed.push_back(line["name"]);
   }
-  EXPECT_EQ(lines.size(), 2401U - 4);
-  EXPECT_EQ(names.size(), lines.size());
+  EXPECT_EQ(listed, names());
+  sql("UPDATE po SET basename = NULL WHERE basename = 'odd1511'");
+  expect(cli::kInconsistent, "ls" + in_ + image_, "has rows without a usable name");
   const std::string told = expect(cli::kInconsistent, "find" + in_ + "even*").err;
   EXPECT_EQ(std::count(told.begin(), told.end(), '\n'), 1200);
 }
@@ -66,18 +55,9 @@ TEST_F(ListTest, WhatIsNotThereOrDamagedIsToldWithItsCause) {
   ASSERT_TRUE(kWatched);
   add_file("damaged");
   sql("UPDATE po SET crc = 0");
-  add_file("both");
-  fs::create_directory(full(image_) + "/both");
-  fs::create_directory_symlink(full("5"), full("6"));
-  fs::create_directory(full(image_) + "/endless");
-  fs::create_symlink("/dev/zero", full(image_) + "/endless/__dirpo__");
   expect(cli::kFailed, "ls" + in_ + image_ + "/none", "no such entry");
-  expect(cli::kFailed, "ls" + in_ + "6/client", "no such");
   expect(cli::kFailed, "verify " + root_ + "/none", "no such directory");
   expect(cli::kInconsistent, "show" + in_ + image_ + "/damaged", "damaged: see");
-  expect(cli::kInconsistent, "show" + in_ + image_ + "/endless", "damaged: see");
-  expect(cli::kDone, "show --json" + in_ + image_ + "/both", "\"type\":\"0\"");
-  expect(cli::kDone, "show --json" + in_ + image_ + "/both/", "\"default_record\":true");
   fs::remove(database(image_));
   fs::create_directory(database(image_));
   expect(cli::kIncomplete, "check" + in_, "po.db): Is a directory");
@@ -88,34 +68,29 @@ TEST_F(ListTest, EveryConditionNarrowsTheSearch) {
   fields.mtime = 999;
   add_file("a'b", fields);
   fields.size = 101;
-  add_file("aXb", fields);
   fields.poid = make_poid(2);
+  add_file("aXb", fields);
   fields.mtime = static_cast<std::uint64_t>(-5);  // 1969
   add_file("a_b", fields);
   EXPECT_EQ(found("a'b"), "a'b\n");
   EXPECT_EQ(found("a[_X]?"), "aXb\na_b\n");
   EXPECT_EQ(found("' OR '1'='1"), "");
-  EXPECT_EQ(found("*", "--poid " + make_poid(2)), "a_b\n");
-  EXPECT_EQ(found("*", "--size <101"), "a'b\n");
+  EXPECT_EQ(found("*", "--poid " + make_poid(1)), "a'b\n");
   EXPECT_EQ(found("*", "--newer 1970-01-01T01:16:38+01:00"), "a'b\naXb\n");
   EXPECT_EQ(found("*", "--newer -6 --size >100"), "aXb\na_b\n");
   refhost::set_case_sensitive(false);  // there the star is the only wildcard
   EXPECT_EQ(found("A_*"), "a_b\n");
   EXPECT_EQ(found("a?b"), "");
+  refhost::set_case_sensitive(true);
 }
 
-TEST_F(ListTest, PathsAreFoundInByteOrderPrintableToATerminalAndAsTheyAreToAPipe) {
+TEST_F(ListTest, PathsAreFoundBelowADirectoryPrintableToATerminalAndAsTheyAreToAPipe) {
   const std::string name = "a\nb\xff";
   add_file(name);
-  EXPECT_EQ(found("*"), "a\\x0ab\\xff\n");
-  EXPECT_EQ(found("*", "-0"), name + '\0');
-  add_file("z");
-  for (const char* below : {"/b", "/a", "/a/c"}) {
-    add_directory(image_ + below);
-    fs::copy_file(database(image_), database(image_ + below));
-  }
-  EXPECT_EQ(found("z"), "z\na/z\na/c/z\nb/z\n");
-  EXPECT_EQ(found("z", "--under " + image_ + "/a/"), "a/z\na/c/z\n");
+  add_directory(image_ + "/below");
+  fs::copy_file(database(image_), database(image_ + "/below"));
+  EXPECT_EQ(found("*"), "a\\x0ab\\xff\nbelow/a\\x0ab\\xff\n");
+  EXPECT_EQ(found("*", "-0 --under " + image_ + "/below/"), "below/" + name + '\0');
 }
 
 }  // namespace

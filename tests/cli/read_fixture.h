@@ -35,12 +35,10 @@ struct Outcome {
 
   // The lines of `out`, each a JSON object.
   std::vector<nlohmann::json> json() const {
-    std::vector<nlohmann::json> objects;
+    std::vector<nlohmann::json> all;
     std::istringstream lines(out);
-    for (std::string line; std::getline(lines, line);) {
-      objects.push_back(nlohmann::json::parse(line));
-    }
-    return objects;
+    for (std::string line; std::getline(lines, line);) all.push_back(nlohmann::json::parse(line));
+    return all;
   }
 };
 
@@ -76,25 +74,20 @@ class CommandTest : public testing::Test {
   const std::string root_ = temp_.path("catalog");
   const std::string source_ = temp_.path("source");
   const std::string image_ = "5/client/policy";
-  std::string err_;  // of the last ingest
+  Outcome last_{};  // of the last ingest
 
   CommandTest() {
     refhost::log_to_sink([](const refhost::LogLine&) {});
     fs::create_directory(source_);
   }
-  void TearDown() override {
-    refhost::log_to_stderr();
-    hooks = {};
-  }
+  void TearDown() override { hooks = {}; }
 
   std::string full(const std::string& inner) const { return root_ + "/" + inner; }
   std::string database(const std::string& inner) const { return full(inner) + "/po.db"; }
   std::string lists() const { return full(image_) + "/ul.db"; }
 
-  void add_directory(const std::string& inner, std::uint32_t special_flags = 0) {
-    refhost::RecordFields fields = dir_fields("", "");
-    fields.special_flags = special_flags;
-    write_file(full(inner) + "/__dirpo__", text_of(fields));
+  void add_directory(const std::string& inner) const {
+    write_file(full(inner) + "/__dirpo__", text_of(dir_fields("", "")));
   }
   // Stores a row in the image's directory; `fields` need no location.
   void add_file(const std::string& name, refhost::RecordFields fields = file_fields("x")) {
@@ -117,9 +110,8 @@ class CommandTest : public testing::Test {
   }
   Names names(const std::string& below = "") const {
     Names found;
-    for (const auto& row : rows(below, "SELECT basename FROM po ORDER BY basename")) {
-      found.push_back(row[0]);
-    }
+    const RawRows all = rows(below, "SELECT basename FROM po ORDER BY basename");
+    for (const auto& row : all) found.push_back(row[0]);
     return found;
   }
   // Total size, directories, files and open runs.
@@ -137,43 +129,29 @@ class CommandTest : public testing::Test {
   std::string ingest_of(const std::string& source) const {
     return "ingest " + source + " --root " + root_ + " --dsid 5 --client client --policy policy ";
   }
-  Outcome run(const std::string& options = "") {
-    Outcome outcome = command("--json " + ingest_of(source_) + options);
-    err_ = outcome.err;
-    return outcome;
-  }
   // Runs and returns what was added, replaced, unchanged, removed and not done.
   Counters ingest(int status, const std::string& options = "") {
-    const Outcome outcome = run(options);
-    EXPECT_EQ(outcome.status, status) << err_;
+    last_ = expect(status, "--json " + ingest_of(source_) + options);
     Counters done;
-    for (const auto& line : outcome.json()) {  // among the problems
+    for (const auto& line : last_.json()) {  // among the problems
       for (const char* name : {"added", "replaced", "unchanged", "removed", "not_done"}) {
         if (line.contains(name)) done.push_back(line[name]);
       }
     }
     return done;
   }
-  void expect_told(const std::string& text) const {
-    EXPECT_NE(err_.find(text), std::string::npos) << err_;
-  }
   void expect_sound() const { expect(cli::kDone, "verify " + root_); }
 };
 
-// Where the image's directory exists.
+// Where the image's directory exists, and the compliance clock is in the test's hand.
 class CatalogTest : public CommandTest {
  protected:
-  CatalogTest() { add_directory(image_); }
-};
-
-// Where the compliance clock is in the test's hand.
-class KeepTest : public CatalogTest {
- protected:
-  KeepTest() { hooks.clock = true; }
-
+  CatalogTest() {
+    add_directory(image_);
+    hooks.clock = true;
+  }
   static void age(const std::string& path) {
     fs::last_write_time(path, fs::file_time_type::clock::now() - std::chrono::hours(24 * 40));
   }
-
   const std::string entry_ = root_ + " " + image_ + "/img ";
 };
