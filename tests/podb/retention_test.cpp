@@ -153,13 +153,13 @@ TEST_F(Retention, NeedsTheClockOfTheMountPointForLocksAndTheirReports) {
       write_file("/etc/tarn/worm", c.mount_file);
       EXPECT_EQ(db.set_retention("img", RETENTION_LOCK, 99999), c.status);
       EXPECT_EQ(info(c.status).worm_flags, c.status == CR_STATUS_OK ? WORM_LOCKED : 0U);
-      Names told;
       if (c.status != CR_STATUS_OK) {
-        told = {c.line, "set_retention: get_compclk failed : errno = " + std::to_string(c.reason),
-                c.line, "get_retention: get compliance clock failed for img"};
+        for (int call = 0; call < 2; ++call) log.expect_error(c.status, c.line);
+        log.expect_error(c.status,
+                         "set_retention: get_compclk failed : errno = " + std::to_string(c.reason));
+        log.expect_error(c.status, "get_retention: get compliance clock failed for img");
       }
-      EXPECT_EQ(log.messages(refhost::LogLevel::Error), told);
-      log.clear();
+      EXPECT_TRUE(log.messages(refhost::LogLevel::Error).empty());
       // The mount point is kept when it fails; the marker counts at once.
       std::filesystem::remove(c.made);
       write_file("/etc/tarn/worm", "/opt");
