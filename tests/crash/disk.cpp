@@ -11,8 +11,6 @@
 
 namespace {
 
-Disk* disk_in_use = nullptr;
-
 template <typename Function>
 Function* real(const char* name, Function*) {
   return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
@@ -58,7 +56,7 @@ void Disk::clear() {
 
 void Disk::restart_after(const Disk& failing, std::mt19937& random) {
   clear();
-  const Files synced = failing.synced_, now = failing.now();
+  Files synced = failing.synced_, now = failing.now();
   auto all = now.names;
   all.insert(synced.names.begin(), synced.names.end());
   const auto chances = random() % 5;
@@ -66,9 +64,8 @@ void Disk::restart_after(const Disk& failing, std::mt19937& random) {
     const auto& names = random() % 4 < chances ? now.names : synced.names;
     const auto file = names.find(name);
     if (file == names.end()) continue;
-    const auto old = synced.contents.find(file->second), last = now.contents.find(file->second);
-    const std::string before = old != synced.contents.end() ? old->second : "";
-    const std::string& after = last != now.contents.end() ? last->second : before;
+    const std::string& before = synced.contents[file->second];
+    const std::string& after = now.contents.emplace(file->second, before).first->second;
     std::ofstream(directory + "/" + name) << rest_of(before, after, random);
   }
   synced_ = this->now();
@@ -94,19 +91,12 @@ Disk::Files Disk::now() const {
   return files;
 }
 
-void use_disk(Disk* disk) { disk_in_use = disk; }
-
 #pragma GCC visibility push(default)  // SQLite is a shared library
 extern "C" {
 
 ssize_t pwrite64(int fd, const void* bytes, size_t size, off64_t offset) {
   static const auto real_one = real("pwrite64", &pwrite64);
   return after_change(real_one(fd, bytes, size, offset));
-}
-
-int ftruncate64(int fd, off64_t size) noexcept {
-  static const auto real_one = real("ftruncate64", &ftruncate64);
-  return after_change(real_one(fd, size));
 }
 
 int unlink(const char* path) noexcept {

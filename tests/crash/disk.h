@@ -38,4 +38,4 @@ class Disk {
 };
 
 // The disk on which everybody writes, syncs and removes from now on; null for none that matters.
-void use_disk(Disk* disk);
+inline Disk* disk_in_use = nullptr;

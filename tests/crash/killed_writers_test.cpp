@@ -5,7 +5,6 @@
 #include <random>
 #include <thread>
 
-#include "refhost/control.h"
 #include "tests/crash/lane.h"
 #include "tests/support/child_process.h"
 #include "tests/support/intact.h"
@@ -29,8 +28,8 @@ class KilledWriters : public testing::Test {
     for (unsigned long round = 0; round < rounds; ++round) {
       if (round % 50 == 0) start_afresh();
       let_write(honest);
-      if (chance(4) != 0)
-        killed_readers_ += kill_child(start_child([&] { return judge(), 0; }), 1500);
+      const pid_t reader = start_child([&] { return judge(), 0; });
+      killed_readers_ += kill_child(reader, chance(4) == 0 ? 1 : 1500);
       if (chance(4) != 0) judge();
     }
     judge();
@@ -49,16 +48,15 @@ class KilledWriters : public testing::Test {
     for (unsigned int i = 0; i < kWriters; ++i) marks_[i].begun = marks_[i].acknowledged = 0;
   }
 
-  // Processes, of one thread or two.
+  // Processes of one thread or two.
   void let_write(bool honest) {
     std::vector<pid_t> writers;
-    for (unsigned int left = 1 + chance(kWriters); left > 0;) {
-      const bool two = --left > 0 && chance(2) == 0;
-      if (two) --left;
+    for (unsigned int left = 1 + chance(kWriters / 2); left > 0; --left) {
+      const unsigned int first = 2 * left - 2;
+      const bool two = chance(2) == 0;
       writers.push_back(start_child([&] {
-        const std::thread other =
-            two ? std::thread([&] { write(left + 1, honest); }) : std::thread();
-        return write(left, honest);
+        const std::thread other([&] { return two ? write(first + 1, honest) : 0; });
+        return write(first, honest);
       }));
     }
     usleep(chance(8000));
@@ -122,12 +120,10 @@ class KilledWriters : public testing::Test {
 
 TEST_F(KilledWriters, leave_every_acknowledged_transaction_whole) {
   play(sized("POCATALOG_KILL_ROUNDS", 500), true);
-  EXPECT_EQ(lost_, 0U);
-  EXPECT_EQ(faults_, 0U);
+  EXPECT_EQ(lost_ + faults_, 0U);
 }
 
 TEST_F(KilledWriters, are_found_out_when_they_are_dishonest) {
-  refhost::set_log_level(refhost::LogLevel::Error);
   play(60, false);
   EXPECT_GT(lost_, 0U);
   EXPECT_GT(faults_, 0U);

@@ -6,7 +6,6 @@
 #include <sstream>
 
 #include "cli/verify_database.h"
-#include "refhost/control.h"
 #include "tests/crash/lane.h"
 #include "tests/support/temp_dir.h"
 
@@ -83,7 +82,7 @@ class PoSubject : public Subject {
     for (const char* pattern : {"f*", "*"}) {  // by the index, and without it
       POQueue found;
       note(db.find_by_pattern(pattern, &found, true));
-      compare(found, kRows);
+      compare_all(found, kRows);
     }
     for (const std::size_t row : rows) {
       FilePO entry(5);
@@ -93,7 +92,6 @@ class PoSubject : public Subject {
     std::vector<std::string> names;
     note(db.find_by_cursor("", &names, 0));
     answers_.differs |= names.size() != kRows;
-    for (const std::string& name : names) answers_.differs |= truth_.count(name) == 0;
     double_check(db, rows);
   }
 
@@ -105,12 +103,11 @@ class PoSubject : public Subject {
     POQueue found;
     unsigned long count = 0;
     note(db.double_check(&poids, &found, &unused, &count));
-    compare(found, rows.size());
+    compare_all(found, rows.size());
     answers_.differs |= poids != foreign || unused != foreign || count != kRows;
   }
 
-  using Subject::compare;
-  void compare(const POQueue& entries, std::size_t expected) {
+  void compare_all(const POQueue& entries, std::size_t expected) {
     for (const auto& entry : entries) {
       compare(POGetBasename(entry->record()), text_of(entry->record()));
     }
@@ -140,10 +137,8 @@ class UlSubject : public Subject {
       return ++walked, CR_STATUS_OK;
     };
     SQLiteULDB db(dir_, 0);
-    unsigned long count = 0;
-    note(db.count(&count));
     note(db.get_all(take));
-    answers_.differs |= count != kRows || walked != kRows;
+    answers_.differs |= walked != kRows;
     for (const std::size_t row : rows) {
       note(db.get_one(key_of(row).c_str(), take));
       if (*__cr_errno_location() == CR_STATUS_CORRUPT) break;  // the file may be gone
