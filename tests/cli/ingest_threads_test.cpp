@@ -17,7 +17,7 @@ class ThreadsTest : public CommandTest {
   void make_tree() const {
     for (int file = 0; file < kAll; ++file) {
       const std::string name = std::to_string(file);
-      write(fmt::format("{}/{}/{}/{}", file % 2, file % 6, file % 24, name), name);
+      write(fmt::format("{}/{}/{}/{}", file % 2, file % 6, file % 4, name), name);
     }
   }
   void expect_complete() {
@@ -40,10 +40,10 @@ TEST_F(ThreadsTest, ReadersSeeNoDamageWhileThreadsIngestAndRemove) {
   };
   std::vector<std::thread> readers;
   for (const std::string& line :
-       {"ls " + root_ + " " + image_ + "/1/3/9", "stats " + root_, "find " + root_ + " *"}) {
+       {"ls " + root_ + " " + image_ + "/1/3/1", "stats " + root_, "find " + root_ + " *"}) {
     readers.emplace_back(read, line);
   }
-  for (int round = 0; round < 2; ++round) {
+  for (int round = 0; round < 8; ++round) {
     fs::remove_all(source_ + "/1");
     EXPECT_EQ(ingest(cli::kDone, "--threads 64 --delete").at(3), kAll / 2);
     make_tree();
