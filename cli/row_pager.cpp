@@ -51,33 +51,36 @@ bool RowPager::fill() {
   page_.clear();
   position_ = 0;
   while (page_.empty() && !last_page_) {
-    status_ = statement_ ? CR_STATUS_OK : open();
-    if (status_ == CR_STATUS_OK) status_ = read_page();
+    status_ = statement_ ? read_page() : read_first_page();
     last_page_ = last_page_ || status_ != CR_STATUS_OK;
   }
   if (status_ == CR_STATUS_NOT_FOUND) status_ = CR_STATUS_OK;  // no database: no rows
   return !page_.empty();
 }
 
-// An empty file is a database that is just being made, or what a crash left of one.
-cr_status_t RowPager::open() {
+// A database that is just being made or removed cannot be used for a moment.
+cr_status_t RowPager::read_first_page() {
   constexpr int kMostLooks = 25;
   constexpr std::chrono::milliseconds kBetweenLooks(20);
-  for (int look = 1; look <= kMostLooks; ++look) {
-    struct stat found = {};
-    if (stat(file_.c_str(), &found) != 0) return status_of_errno("stat");
-    if (S_ISDIR(found.st_mode)) return CR_STATUS_FAILED;
-    if (!S_ISREG(found.st_mode)) return CR_STATUS_BAD_DATA;
-    if (found.st_size == 0) {
-      std::this_thread::sleep_for(kBetweenLooks);
-      continue;
-    }
-    const int code = connection_.open(file_);
-    if (code != SQLITE_OK) return is_there(file_) ? status_of_sqlite(code) : CR_STATUS_NOT_FOUND;
-    statement_ = std::make_unique<Statement>(connection_, sql_);
-    return CR_STATUS_OK;
+  for (int look = 1;; ++look) {
+    cr_status_t status = open();
+    if (status == CR_STATUS_OK) status = read_page();
+    const bool may_change = status == CR_STATUS_BAD_DATA || status == CR_STATUS_FAILED;
+    if (!may_change || look == kMostLooks) return status;
+    std::this_thread::sleep_for(kBetweenLooks);
   }
-  return CR_STATUS_BAD_DATA;
+}
+
+cr_status_t RowPager::open() {
+  statement_.reset();
+  struct stat found = {};
+  if (stat(file_.c_str(), &found) != 0) return status_of_errno("stat");
+  if (S_ISDIR(found.st_mode)) return CR_STATUS_FAILED;
+  if (!S_ISREG(found.st_mode) || found.st_size == 0) return CR_STATUS_BAD_DATA;
+  const int code = connection_.open(file_);
+  if (code != SQLITE_OK) return is_there(file_) ? status_of_sqlite(code) : CR_STATUS_NOT_FOUND;
+  statement_ = std::make_unique<Statement>(connection_, sql_);
+  return CR_STATUS_OK;
 }
 
 cr_status_t RowPager::read_page() {

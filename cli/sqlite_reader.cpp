@@ -6,6 +6,8 @@
 #include <limits>
 
 #include "base/hardening_internal.h"
+#include "base/sqlite_codes_internal.h"
+#include "cli/catalog.h"
 #include "sqlitedb/sqlite_wrapper.h"
 
 namespace cli {
@@ -31,9 +33,10 @@ int Connection::open(const std::string& file) {
   return sqlite3_busy_timeout(opened, kBusyMilliseconds);
 }
 
-Statement::Statement(const Connection& connection, const std::string& sql) {
+Statement::Statement(const Connection& connection, const std::string& sql)
+    : db_(connection.handle()) {
   sqlite3_stmt* compiled = nullptr;
-  compiled_ = sqlite3_prepare_v2(connection.handle(), sql.c_str(), -1, &compiled, nullptr);
+  compiled_ = sqlite3_prepare_v2(db_, sql.c_str(), -1, &compiled, nullptr);
   statement_.reset(compiled);
 }
 
@@ -47,7 +50,8 @@ void Statement::bind(int parameter, const std::string& text) {
 }
 
 int Statement::step() {
-  return compiled_ != SQLITE_OK ? compiled_ : sqlite3_step(statement_.get());
+  const int code = compiled_ != SQLITE_OK ? compiled_ : sqlite3_step(statement_.get());
+  return without_false_damage(db_, code);
 }
 
 void Statement::reset() { sqlite3_reset(statement_.get()); }
@@ -88,10 +92,10 @@ int find_table(const Connection& connection, const std::string& table) {
 }
 
 int open_table(const std::string& file, const std::string& table, Connection* connection) {
-  struct stat found = {};
-  if (lstat(file.c_str(), &found) != 0) return SQLITE_DONE;
+  if (!is_there(file)) return SQLITE_DONE;
   const int code = connection->open(file);
-  return code == SQLITE_OK ? find_table(*connection, table) : code;
+  if (code == SQLITE_OK) return find_table(*connection, table);
+  return is_there(file) ? code : SQLITE_DONE;  // removed meanwhile
 }
 
 cr_status_t status_of_sqlite(int code) {

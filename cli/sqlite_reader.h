@@ -57,6 +57,7 @@ class Statement {
     void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
   };
   std::unique_ptr<sqlite3_stmt, Finalize> statement_;
+  sqlite3* const db_;
   int compiled_ = SQLITE_OK;
 };
 

@@ -22,8 +22,7 @@ using hrtime_t = std::int64_t;
 
 extern "C" {
 
-// 0 when the path exists (mode 0, the only one that the library uses) or may be used as `mode`
-// says.
+// 0 when the path exists (mode 0) or may be used as `mode` says (W_OK).
 HOST_API cr_status_t wa_access(const char* path, int mode);
 
 // Fills `out`; symbolic links are followed.

@@ -1,5 +1,7 @@
 #include "podb/po_database_internal.h"
 
+#include <sqlite3.h>
+
 #include <cstdlib>
 #include <cstring>
 #include <utility>
@@ -101,7 +103,17 @@ cr_status_t SQLitePODB::po_database::take_row(const QueryContext& context, int n
     return CR_STATUS_OK;
   }
   if (check_crc(values[0], values[1], values[2], values[3]) != 0) return kBadRow;
-  return take_po(context, values);
+  return is_asked_for(context, values[0]) ? take_po(context, values) : CR_STATUS_CORRUPT;
+}
+
+// By a damaged index SQLite finds a sound row of another name.
+bool SQLitePODB::po_database::is_asked_for(const QueryContext& context, const char* name) {
+  if (context.name == nullptr) return true;
+  const char* const asked = context.name->c_str();
+  const int order = OSIsCaseSensitive() ? std::strcmp(name, asked) : sqlite3_stricmp(name, asked);
+  if (order == 0) return true;
+  ErrorA(CR_STATUS_CORRUPT, "The index of names leads %s to the row of %s", asked, name);
+  return false;
 }
 
 cr_status_t SQLitePODB::po_database::take_po(const QueryContext& context, char** values) const {

@@ -27,6 +27,7 @@ struct SQLitePODB::QueryContext {
   std::int32_t rows = 0;              // delivered, counted before each is examined
   std::uint32_t type;
   bool skip_bad_rows = false;  // a row that fails its checks is left out and the query goes on
+  const std::string* name = nullptr;  // the one that was asked for; null: any
   void* output;
 };
 
@@ -54,6 +55,7 @@ class SQLitePODB::po_database : public sqlitedb::sqlite3_wrapper {
   static constexpr int kLongestValue = 1 << 20;
 
   cr_status_t take_row(const QueryContext& context, int ncols, char** values, char** names) const;
+  static bool is_asked_for(const QueryContext& context, const char* name);
   cr_status_t take_po(const QueryContext& context, char** values) const;
   cr_status_t fill(const QueryContext& context, char** values, PO& po) const;
 

@@ -87,6 +87,7 @@ cr_status_t SQLitePODB::get(const std::string& basename, PO* po) {
   set_host_status(opened);
   if (opened != CR_STATUS_OK) return CR_STATUS_NOT_FOUND;
   QueryContext context(this, QUERY_PO, po);
+  context.name = &basename;
   const cr_status_t status = exec_sql(kSelectEntries + where_name_is(basename), &context);
   const bool damaged = context.status != CR_STATUS_OK;
   set_host_status(damaged ? CR_STATUS_OK : status);

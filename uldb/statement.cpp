@@ -7,6 +7,7 @@
 #include <new>
 
 #include "base/hardening_internal.h"
+#include "base/sqlite_codes_internal.h"
 #include "host/files.h"
 #include "host/log.h"
 #include "sqlitedb/durable_internal.h"
@@ -39,6 +40,7 @@ cr_status_t Statement::prepare() {
   limit_values(db_, texts_.writes ? kAnySize : size_of(path_));
   if (texts_.writes) judged_ = sqlitedb::make_commits_durable(db_, nullptr);
   if (judged_ == SQLITE_OK) judged_ = sqlite3_prepare_v2(db_, texts_.sql, -1, &made, nullptr);
+  judged_ = without_false_damage(db_, judged_);
   statement_.reset(made);
   return judged_ == SQLITE_OK ? CR_STATUS_OK : failed(judged_, texts_.prepare, texts_.sql);
 }
@@ -69,8 +71,8 @@ cr_status_t Statement::finish() {
 }
 
 cr_status_t Statement::failed_step(int rc) {
-  judged_ = rc;
-  return failed(rc, texts_.step, texts_.sql);
+  judged_ = without_false_damage(db_, rc);
+  return failed(judged_, texts_.step, texts_.sql);
 }
 
 cr_status_t Statement::failed(int rc, const char* what, const char* subject) const {

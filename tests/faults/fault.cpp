@@ -74,11 +74,10 @@ int fstat64(int file, struct stat64* out) noexcept {
 int openat(int directory, const char* name, int flags, ...) {
   return call({Fault::CannotOpen}, SYS_openat, directory, name, flags, 0644);
 }
-// SQLite's own. For want of a descriptor it would try to read only, and keep to that.
+// SQLite's own.
 int open64(const char* path, int flags, ...) {
   const int file = openat(AT_FDCWD, path, flags);
   if (file >= 0) of_sqlite.at(static_cast<std::size_t>(file)) = inode_of(file);
-  if (file < 0 && errno == EMFILE) errno = EISDIR;
   return file;
 }
 int close(int file) {
@@ -93,12 +92,9 @@ int fclose(FILE* stream) {
 int renameat(int from, const char* old_name, int to, const char* new_name) noexcept {
   return call({Fault::IoError, Fault::DiskFull}, SYS_renameat2, from, old_name, to, new_name, 0);
 }
-// SQLite takes EIO for a damaged file here, which no other call's error is.
 ssize_t pread64(int file, void* bytes, size_t size, off64_t at) {
   if (strikes(Fault::ShortRead)) size = (size + 1) / 2;
-  const auto done = call({Fault::IoError}, SYS_pread64, file, bytes, size, at);
-  if (done < 0) errno = ESTALE;
-  return done;
+  return call({Fault::IoError}, SYS_pread64, file, bytes, size, at);
 }
 ssize_t write(int file, const void* bytes, size_t size) {
   return call({Fault::IoError, Fault::DiskFull}, SYS_write, file, bytes, size);
