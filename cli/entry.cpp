@@ -28,6 +28,20 @@ bool is_readable_record(const CatalogPath& directory) {
   return lstat(file.c_str(), &found) != 0 || S_ISREG(found.st_mode);
 }
 
+cr_status_t load_directory(const CatalogPath& path, std::unique_ptr<DirPO>* entry) {
+  if (path.components.size() == 1) {
+    *entry = data_store_entry(*path.dsid());
+    return CR_STATUS_OK;
+  }
+  if (!is_readable_record(path)) return CR_STATUS_BAD_RECORD;
+  auto found = std::make_unique<DirPO>(*path.dsid());
+  const auto status = static_cast<cr_status_t>(found->load(path.root, path.full()));
+  if (status != CR_STATUS_OK) return status;
+  if (POGetType(found->record()) != PO_TYPE_DIR) return CR_STATUS_BAD_RECORD;
+  *entry = std::move(found);
+  return CR_STATUS_OK;
+}
+
 }  // namespace
 
 cr_status_t read_file(const CatalogPath& path, std::unique_ptr<FilePO>* entry) {
@@ -46,18 +60,13 @@ cr_status_t read_file(const CatalogPath& path, std::unique_ptr<FilePO>* entry) {
 cr_status_t read_directory(const CatalogPath& path, std::unique_ptr<DirPO>* entry) {
   if (!path.dsid()) return CR_STATUS_NOT_FOUND;
   const cr_status_t reachable = check_directory(path);
-  if (reachable != CR_STATUS_OK) return reachable;
-  if (path.components.size() == 1) {
-    *entry = data_store_entry(*path.dsid());
-    return CR_STATUS_OK;
-  }
-  if (!is_readable_record(path)) return CR_STATUS_BAD_RECORD;
-  auto found = std::make_unique<DirPO>(*path.dsid());
-  const auto status = static_cast<cr_status_t>(found->load(path.root, path.full()));
-  if (status != CR_STATUS_OK) return status;
-  if (POGetType(found->record()) != PO_TYPE_DIR) return CR_STATUS_BAD_RECORD;
-  *entry = std::move(found);
-  return CR_STATUS_OK;
+  return reachable == CR_STATUS_OK ? load_directory(path, entry) : reachable;
+}
+
+cr_status_t read_found_directory(const CatalogPath& path, std::unique_ptr<DirPO>* entry) {
+  // Without a record it may be gone.
+  return path.components.size() > 1 && has_record(path.full()) ? load_directory(path, entry)
+                                                               : read_directory(path, entry);
 }
 
 cr_status_t read_entry(const CatalogPath& path, bool directory_only, std::unique_ptr<PO>* entry) {

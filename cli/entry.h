@@ -19,6 +19,9 @@ cr_status_t read_file(const CatalogPath& path, std::unique_ptr<FilePO>* entry);
 // there is no such directory.
 cr_status_t read_directory(const CatalogPath& path, std::unique_ptr<DirPO>* entry);
 
+// The same for one that was just found in a directory of the catalog.
+cr_status_t read_found_directory(const CatalogPath& path, std::unique_ptr<DirPO>* entry);
+
 // The file or directory of that name, whichever there is. Of both the file, unless
 // `directory_only`. `entry` is null exactly when the status is not 0.
 cr_status_t read_entry(const CatalogPath& path, bool directory_only, std::unique_ptr<PO>* entry);

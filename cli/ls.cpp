@@ -105,7 +105,7 @@ class Listing {
 
   void print_subdirectory(const std::string& name) {
     std::unique_ptr<DirPO> entry;
-    const cr_status_t status = read_directory(directory_.child(name), &entry);
+    const cr_status_t status = read_found_directory(directory_.child(name), &entry);
     if (status == CR_STATUS_OK) return print_entry(console_, place(name), entry->record());
     if (status == CR_STATUS_NOT_FOUND) return;  // removed meanwhile
     print_damaged(console_, place(name));

@@ -11,6 +11,7 @@ namespace cli {
 namespace {
 
 constexpr std::size_t kMostJobs = 64;
+constexpr std::size_t kMostTasks = 16;      // of a job
 constexpr std::size_t kPiece = 64U << 10U;  // bytes
 
 }  // namespace
@@ -51,6 +52,7 @@ OrderedWork::~OrderedWork() {
     const std::lock_guard<std::mutex> lock(mutex_);
     stop_ = true;
   }
+  work_added_.notify_all();
   changed_.notify_all();
   for (std::thread& thread : threads_) thread.join();
 }
@@ -59,13 +61,19 @@ void OrderedWork::add(Task task) { enqueue(std::move(task), false); }
 
 void OrderedWork::add_in_turn(Task task) { enqueue(std::move(task), true); }
 
+bool OrderedWork::joins_last_job(bool in_turn) const {
+  return !in_turn && !jobs_.empty() && !jobs_.back()->taken &&
+         jobs_.back()->tasks.size() < kMostTasks;
+}
+
 void OrderedWork::enqueue(Task task, bool in_turn) {
-  auto job = std::make_unique<Job>();
-  job->task = std::move(task);
-  job->in_turn = job->taken = in_turn;
   std::unique_lock<std::mutex> lock(mutex_);
-  jobs_.push_back(std::move(job));
-  changed_.notify_all();
+  if (!joins_last_job(in_turn)) {
+    jobs_.push_back(std::make_unique<Job>());
+    jobs_.back()->in_turn = jobs_.back()->taken = in_turn;
+    work_added_.notify_one();
+  }
+  jobs_.back()->tasks.push_back(std::move(task));
   while (!jobs_.empty() && (is_ready() || jobs_.size() >= kMostJobs)) print_first(&lock);
 }
 
@@ -88,7 +96,7 @@ OrderedWork::Job* OrderedWork::next_job() {
       (*waiting)->taken = true;
       return waiting->get();
     }
-    changed_.wait(lock);
+    work_added_.wait(lock);
   }
 }
 
@@ -96,8 +104,10 @@ OrderedWork::Job* OrderedWork::next_job() {
 void OrderedWork::run(Job* job) {
   Output out(this, &job->out), err(this, &job->err);
   try {
-    take_cause();  // of what was overcome elsewhere
-    job->task({out.stream, err.stream, console_.json, false});
+    for (const Task& task : job->tasks) {
+      take_cause();  // of what was overcome elsewhere
+      task({out.stream, err.stream, console_.json, false});
+    }
     out.flush_piece();
     err.flush_piece();
   } catch (...) {
@@ -136,7 +146,7 @@ void OrderedWork::print_first(std::unique_lock<std::mutex>* lock) {
   console_.out << out;
   console_.err << err;
   if (ended && ended->failure) std::rethrow_exception(ended->failure);
-  if (ended && ended->in_turn) ended->task(console_);
+  if (ended && ended->in_turn) ended->tasks.front()(console_);
   lock->lock();
 }
 

@@ -17,8 +17,8 @@
 namespace cli {
 
 // Runs tasks by as many threads as the machine has cores, and prints what each has printed in the
-// order in which they were added. Holds the output of a bounded number of tasks, of each a bounded
-// piece: a task that prints more waits for its turn. Used by one thread.
+// order in which they were added. Holds a bounded number of tasks, and of their output a bounded
+// piece for each thread's turn: a task that prints more waits. Used by one thread.
 class OrderedWork {
  public:
   using Task = std::function<void(const Console&)>;
@@ -40,8 +40,9 @@ class OrderedWork {
   void finish();
 
  private:
+  // Tasks that one thread runs, one after the other: handing over costs more than a small task.
   struct Job {
-    Task task;
+    std::vector<Task> tasks;
     bool in_turn;
     bool taken = false;
     bool done = false;
@@ -52,6 +53,7 @@ class OrderedWork {
   class Output;
 
   void enqueue(Task task, bool in_turn);
+  bool joins_last_job(bool in_turn) const;
   void work();
   Job* next_job();
   void run(Job* job);
@@ -60,8 +62,9 @@ class OrderedWork {
   void print_first(std::unique_lock<std::mutex>* lock);
 
   const Console& console_;
-  std::mutex mutex_;  // guards what follows
-  std::condition_variable changed_;
+  std::mutex mutex_;                       // guards what follows
+  std::condition_variable work_added_;     // for idle threads
+  std::condition_variable changed_;        // for whoever waits for output, or for room for it
   std::deque<std::unique_ptr<Job>> jobs_;  // the first is to be printed next
   bool stop_ = false;
   std::vector<std::thread> threads_;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -38,7 +39,8 @@ class RowPager {
   const Row* next();
   cr_status_t status() const { return status_; }
 
-  // Whether there are rows that the walk passes over: their names are none.
+  // Whether there are rows whose names are none, which the walk passes over. After a walk without a
+  // condition.
   bool has_nameless_rows();
 
  private:
@@ -65,6 +67,7 @@ class RowPager {
   std::unique_ptr<Statement> statement_;
   std::vector<Stored> page_;
   std::size_t position_ = 0;
+  std::int64_t delivered_ = 0;
   std::string last_name_;  // of the pages before
   std::string last_in_page_;
   bool last_page_ = false;
