@@ -15,7 +15,8 @@ bool failed_to_read(sqlite3* db) {
   if (is_unreadable(error)) return true;
   sqlite3_file* journal = nullptr;
   sqlite3_file_control(db, "main", SQLITE_FCNTL_JOURNAL_POINTER, &journal);
-  if (journal == nullptr || journal->pMethods == nullptr) return false;
+  const bool is_open = journal != nullptr && journal->pMethods != nullptr;
+  if (!is_open || journal->pMethods->xFileControl == nullptr) return false;  // none, or in memory
   journal->pMethods->xFileControl(journal, SQLITE_FCNTL_LAST_ERRNO, &error);
   return is_unreadable(error);
 }

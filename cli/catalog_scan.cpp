@@ -1,5 +1,6 @@
 #include "cli/catalog_scan.h"
 
+#include "cli/cause.h"
 #include "cli/dir_list.h"
 #include "cli/ordered_work.h"
 #include "cli/row_pager.h"
@@ -25,7 +26,10 @@ bool CatalogScan::walk_by_threads(const CatalogPath& top, const Visit& visit) {
         work.add([directory, &visit](const Console& console) { visit(console, directory); });
       },
       [&](const CatalogPath& directory, cr_status_t status) {
-        work.add_in_turn([=](const Console& console) { unlisted(console, directory, status); });
+        work.add_in_turn([this, directory, status, cause = take_cause()](const Console& console) {
+          keep_cause(cause);
+          unlisted(console, directory, status);
+        });
       });
   work.finish();
   return true;
@@ -79,7 +83,7 @@ void CatalogScan::count(const std::string& path, int exit_status) {
   if (exit_status == kDone) return;
   const std::lock_guard<std::mutex> lock(mutex_);
   (exit_status == kInconsistent ? damaged_ : unread_) = true;
-  reported_.insert(path);
+  if (exit_status == kFailed) reported_.insert(path);
 }
 
 int CatalogScan::exit_status() const {

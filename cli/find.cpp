@@ -36,12 +36,13 @@ std::optional<SizeBound> parse_size(const std::string& text) {
   return bound;
 }
 
-// The library's condition for a pattern, with quotes that stay inside the literal.
+// The library's condition for a pattern, with quotes that stay inside the literal. By the "+" the
+// pages of a walk stay what SQLite searches the index for: by a pattern each would begin anew.
 std::optional<std::string> name_condition(const std::string& pattern) {
-  if (OSIsCaseSensitive()) return "basename GLOB '" + base::sql_escaped(pattern) + "'";
+  if (OSIsCaseSensitive()) return "+basename GLOB '" + base::sql_escaped(pattern) + "'";
   std::string escaped;
   if (SQLitePODB::PatternEscape(pattern, escaped) != CR_STATUS_OK) return std::nullopt;
-  return "basename LIKE '" + base::sql_escaped(escaped) + "' ESCAPE '\\'";
+  return "+basename LIKE '" + base::sql_escaped(escaped) + "' ESCAPE '\\'";
 }
 
 // What a file has to be like.

@@ -115,6 +115,7 @@ class Listing {
   int conclude() {
     for (const cr_status_t status : {rows_.status(), entries_.status()}) {
       if (status == CR_STATUS_OK) continue;
+      if (of_many_ && !is_there(directory_.full())) return kDone;  // removed meanwhile
       report(console_, directory_.full(), status, "cannot be read");
       return status == CR_STATUS_CORRUPT ? kInconsistent : kFailed;
     }

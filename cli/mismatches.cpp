@@ -84,12 +84,15 @@ class PoidPager {
  private:
   bool fill() {
     if (last_page_) return false;
-    statement_->bind(1, page_.empty() ? std::string() : page_.back());
+    const std::string before = page_.empty() ? std::string() : page_.back();
+    statement_->bind(1, before);
     page_.clear();
     position_ = 0;
     int code = statement_->step();
     for (; code == SQLITE_ROW; code = statement_->step()) page_.push_back(statement_->bytes(0));
     statement_->reset();
+    // By a damaged index the walk would go in circles.
+    if (!page_.empty() && page_.back() <= before) code = SQLITE_CORRUPT;
     if (code != SQLITE_DONE) status_ = status_of_sqlite(code);
     last_page_ = code != SQLITE_DONE || page_.size() < kPage;
     return !page_.empty();

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <ostream>
 #include <streambuf>
+#include <system_error>
 #include <utility>
 
 #include "cli/cause.h"
@@ -44,7 +45,10 @@ class OrderedWork::Output : private std::streambuf {
 
 OrderedWork::OrderedWork(const Console& console) : console_(console) {
   const unsigned int count = std::max(1U, std::thread::hardware_concurrency());
-  for (unsigned int i = 0; i < count; ++i) threads_.emplace_back([this] { work(); });
+  try {
+    for (unsigned int i = 0; i < count; ++i) threads_.emplace_back([this] { work(); });
+  } catch (const std::system_error&) {  // fewer will do, or none
+  }
 }
 
 OrderedWork::~OrderedWork() {
@@ -61,12 +65,16 @@ void OrderedWork::add(Task task) { enqueue(std::move(task), false); }
 
 void OrderedWork::add_in_turn(Task task) { enqueue(std::move(task), true); }
 
+// Only behind enough jobs for all threads, so that few large tasks do not fall to one.
 bool OrderedWork::joins_last_job(bool in_turn) const {
-  return !in_turn && !jobs_.empty() && !jobs_.back()->taken &&
-         jobs_.back()->tasks.size() < kMostTasks;
+  if (in_turn || jobs_.empty() || jobs_.back()->tasks.size() == kMostTasks) return false;
+  const auto waiting =
+      std::count_if(jobs_.begin(), jobs_.end(), [](const auto& job) { return !job->taken; });
+  return !jobs_.back()->taken && static_cast<std::size_t>(waiting) > threads_.size();
 }
 
-void OrderedWork::enqueue(Task task, bool in_turn) {
+void OrderedWork::enqueue(Task task, bool wants_turn) {
+  const bool in_turn = wants_turn || threads_.empty();
   std::unique_lock<std::mutex> lock(mutex_);
   if (!joins_last_job(in_turn)) {
     jobs_.push_back(std::make_unique<Job>());
@@ -108,11 +116,11 @@ void OrderedWork::run(Job* job) {
       take_cause();  // of what was overcome elsewhere
       task({out.stream, err.stream, console_.json, false});
     }
-    out.flush_piece();
-    err.flush_piece();
   } catch (...) {
     job->failure = std::current_exception();
   }
+  out.flush_piece();
+  err.flush_piece();
   const std::lock_guard<std::mutex> lock(mutex_);
   job->done = true;
   changed_.notify_all();
@@ -121,7 +129,7 @@ void OrderedWork::run(Job* job) {
 void OrderedWork::hand_over(std::string* printed, std::string* piece) {
   std::unique_lock<std::mutex> lock(mutex_);
   changed_.wait(lock, [&] { return stop_ || printed->size() < kPiece; });
-  printed->append(*piece);
+  if (!stop_) printed->append(*piece);
   piece->clear();
   changed_.notify_all();
 }

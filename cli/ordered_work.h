@@ -52,7 +52,7 @@ class OrderedWork {
   };
   class Output;
 
-  void enqueue(Task task, bool in_turn);
+  void enqueue(Task task, bool wants_turn);
   bool joins_last_job(bool in_turn) const;
   void work();
   Job* next_job();

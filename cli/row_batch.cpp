@@ -80,11 +80,13 @@ FilePO RowBatch::entry_of(const std::string& name) const {
   throw EntryError{name, CR_STATUS_BAD_ARG};
 }
 
-RowBatch::Stored RowBatch::load(const std::string& name, FilePO* stored) {
+// Of a row that was sound when the batch began.
+bool RowBatch::recall(const std::string& name, FilePO* stored) const {
   const auto known = rows_.records.find(name);
-  if (known != rows_.records.end() && stored->set(job_.root, known->second, path_of(name)) == 0) {
-    return Stored::readable;
-  }
+  return known != rows_.records.end() && stored->set(job_.root, known->second, path_of(name)) == 0;
+}
+
+RowBatch::Stored RowBatch::load(const std::string& name, FilePO* stored) {
   const cr_status_t status = db_.get(name, stored);
   if (status == CR_STATUS_OK) return Stored::readable;
   if (status == CR_STATUS_NONE || status == CR_STATUS_BAD_RECORD) return Stored::damaged;
@@ -121,18 +123,32 @@ void RowBatch::replace_damaged(const std::string& name) {
   outcome_.mended(path_of(name), "mended: its row was damaged, and is replaced");
 }
 
+// What was read when the batch began may tell that nothing is to be done; what is done depends on
+// the row as it is once nobody else can write.
+RowBatch::Stored RowBatch::compare(const std::string& name, const FilePO& incoming, FilePO* stored,
+                                   bool* same) {
+  const bool damaged = rows_.damaged.count(name) != 0;
+  const bool recalled = recall(name, stored);
+  Stored found = recalled ? Stored::readable : load(name, stored);
+  *same = !damaged && found == Stored::readable && is_same(*stored, incoming);
+  if (*same || (begun_ && !recalled)) return found;
+  begin();
+  found = load(name, stored);
+  *same = !damaged && found == Stored::readable && is_same(*stored, incoming);
+  return found;
+}
+
 void RowBatch::store(const std::string& name, const SourceFile& file) {
   FilePO incoming = entry_of(name);
   describe(&incoming, file, job_.with_content);
   const std::uint64_t size = incoming.get_size();
   FilePO stored(job_.dsid);
-  const Stored found = load(name, &stored);
-  const bool damaged = found == Stored::damaged || rows_.damaged.count(name) != 0;
-  const bool same = !damaged && found == Stored::readable && is_same(stored, incoming);
+  bool same = false;
+  const Stored found = compare(name, incoming, &stored, &same);
   if (found == Stored::readable && !same && protected_entry(stored.record(), job_.clock)) {
     return refuse_protected(name);
   }
-  if (damaged) replace_damaged(name);
+  if (found == Stored::damaged || rows_.damaged.count(name) != 0) replace_damaged(name);
   if (same) {
     close_gap(stored, file.content);
   } else {
@@ -147,7 +163,7 @@ void RowBatch::store(const std::string& name, const SourceFile& file) {
 bool RowBatch::lacks_list(const std::string& name) {
   if (gaps_.missing.empty()) return false;
   FilePO stored(job_.dsid);
-  return load(name, &stored) == Stored::readable &&
+  return (recall(name, &stored) || load(name, &stored) == Stored::readable) &&
          gaps_.missing.count(POGetHashRef(stored.record())) != 0;
 }
 
@@ -182,7 +198,9 @@ void RowBatch::remove_others(const std::vector<std::string>& kept) {
 void RowBatch::remove(const std::string& name) {
   FilePO gone = entry_of(name);
   FilePO stored(job_.dsid);
-  const Stored found = load(name, &stored);
+  if (load(name, &stored) == Stored::absent) return;
+  begin();
+  const Stored found = load(name, &stored);  // as it is while nobody else can write
   if (found == Stored::absent) return;
   if (found == Stored::readable && protected_entry(stored.record(), job_.clock)) {
     return refuse_protected(name);
@@ -198,7 +216,6 @@ void RowBatch::remove(const std::string& name) {
 }
 
 void RowBatch::update(const std::string& name, FilePO* entry, const Content& content) {
-  begin();
   rows_.records.erase(name);
   Displaced displaced;
   std::vector<PO*> with_containers;

@@ -53,7 +53,9 @@ class RowBatch {
 
   std::string path_of(const std::string& name) const;
   FilePO entry_of(const std::string& name) const;
+  bool recall(const std::string& name, FilePO* stored) const;
   Stored load(const std::string& name, FilePO* stored);
+  Stored compare(const std::string& name, const FilePO& incoming, FilePO* stored, bool* same);
   bool is_same(const FilePO& stored, const FilePO& incoming) const;
   void refuse_protected(const std::string& name);
   void refuse_damaged(const std::string& name);

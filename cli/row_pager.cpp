@@ -52,7 +52,8 @@ bool RowPager::fill() {
   page_.clear();
   position_ = 0;
   while (page_.empty() && !last_page_) {
-    status_ = statement_ ? read_page() : read_first_page();
+    const bool goes_on = statement_ && !connection_.has_moved();
+    status_ = goes_on ? read_page() : open_and_read_page();
     last_page_ = last_page_ || status_ != CR_STATUS_OK;
   }
   if (status_ == CR_STATUS_NOT_FOUND) status_ = CR_STATUS_OK;  // no database: no rows
@@ -60,7 +61,7 @@ bool RowPager::fill() {
 }
 
 // A database that is just being made or removed cannot be used for a moment.
-cr_status_t RowPager::read_first_page() {
+cr_status_t RowPager::open_and_read_page() {
   constexpr int kMostLooks = 25;
   constexpr std::chrono::milliseconds kBetweenLooks(20);
   for (int look = 1;; ++look) {
@@ -86,6 +87,7 @@ cr_status_t RowPager::open() {
 
 cr_status_t RowPager::read_page() {
   statement_->bind(1, last_name_);
+  last_in_page_.clear();
   std::size_t rows = 0;
   cr_status_t kept = CR_STATUS_OK;
   int code = statement_->step();
@@ -93,11 +95,13 @@ cr_status_t RowPager::read_page() {
     kept = keep(*statement_);
   }
   statement_->reset();
-  last_name_ = std::move(last_in_page_);
+  if (code != SQLITE_DONE && code != SQLITE_ROW) {
+    page_.clear();
+    return status_of_sqlite(code);
+  }
+  if (rows > 0) last_name_ = last_in_page_;
   last_page_ = rows < kPage;
-  if (code == SQLITE_DONE || code == SQLITE_ROW) return kept;
-  page_.clear();
-  return status_of_sqlite(code);
+  return kept;
 }
 
 cr_status_t RowPager::keep(const Statement& row) {
@@ -134,7 +138,7 @@ bool RowPager::has_nameless_rows() {
   Statement counted(connection_, "SELECT COUNT(*) FROM po");
   if (counted.step() == SQLITE_ROW && counted.integer(0) == delivered_) return false;
   const std::string nameless = std::string("SELECT 1 FROM po WHERE NOT ") + kNamedRows;
-  return Statement(connection_, nameless).step() != SQLITE_DONE;
+  return Statement(connection_, nameless).step() == SQLITE_ROW;
 }
 
 }  // namespace cli

@@ -53,7 +53,7 @@ class RowPager {
   };
 
   bool fill();
-  cr_status_t read_first_page();
+  cr_status_t open_and_read_page();
   cr_status_t open();
   cr_status_t read_page();
   cr_status_t keep(const Statement& row);

@@ -33,10 +33,16 @@ int Connection::open(const std::string& file) {
   return sqlite3_busy_timeout(opened, kBusyMilliseconds);
 }
 
+bool Connection::has_moved() const {
+  int moved = 0;
+  sqlite3_file_control(handle(), "main", SQLITE_FCNTL_HAS_MOVED, &moved);
+  return moved != 0;
+}
+
 Statement::Statement(const Connection& connection, const std::string& sql)
-    : db_(connection.handle()) {
+    : connection_(connection) {
   sqlite3_stmt* compiled = nullptr;
-  compiled_ = sqlite3_prepare_v2(db_, sql.c_str(), -1, &compiled, nullptr);
+  compiled_ = sqlite3_prepare_v2(connection.handle(), sql.c_str(), -1, &compiled, nullptr);
   statement_.reset(compiled);
 }
 
@@ -50,11 +56,17 @@ void Statement::bind(int parameter, const std::string& text) {
 }
 
 int Statement::step() {
-  const int code = compiled_ != SQLITE_OK ? compiled_ : sqlite3_step(statement_.get());
-  return without_false_damage(db_, code);
+  if (compiled_ != SQLITE_OK) return without_false_damage(connection_.handle(), compiled_);
+  if (!running_ && connection_.has_moved()) return SQLITE_BUSY;
+  const int code = sqlite3_step(statement_.get());
+  running_ = code == SQLITE_ROW;
+  return without_false_damage(connection_.handle(), code);
 }
 
-void Statement::reset() { sqlite3_reset(statement_.get()); }
+void Statement::reset() {
+  sqlite3_reset(statement_.get());
+  running_ = false;
+}
 
 std::string_view Statement::view(int column) const {
   const auto* data = static_cast<const char*>(sqlite3_column_blob(statement_.get(), column));
@@ -80,6 +92,7 @@ int walk_table(const Connection& connection, const std::string& table, const std
     }
     page.reset();
     page_done();
+    if (last < first) return SQLITE_CORRUPT;  // the walk would go in circles
     if (code != SQLITE_DONE || count < kPage || last == kLast) return code;
     first = last + 1;
   }

@@ -21,6 +21,10 @@ class Connection {
   int open(const std::string& file);
 
   sqlite3* handle() const { return db_.get(); }
+
+  // Whether the file is no longer there under its name. The journal beside it is then another's,
+  // which must not be taken for this one's: that would undo the other's transaction.
+  bool has_moved() const;
   std::string message() const { return sqlite3_errmsg(db_.get()); }
 
  private:
@@ -40,7 +44,8 @@ class Statement {
   void bind(int parameter, std::int64_t value);
   void bind(int parameter, const std::string& text);
 
-  // SQLITE_ROW, SQLITE_DONE or the code of a failure, that of the compilation included.
+  // SQLITE_ROW, SQLITE_DONE or the code of a failure, that of the compilation included. The first
+  // step answers SQLITE_BUSY when the file has moved.
   int step();
   // Back to before the first step; lets go of the lock.
   void reset();
@@ -57,8 +62,9 @@ class Statement {
     void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
   };
   std::unique_ptr<sqlite3_stmt, Finalize> statement_;
-  sqlite3* const db_;
+  const Connection& connection_;
   int compiled_ = SQLITE_OK;
+  bool running_ = false;  // its read lock is held
 };
 
 // Walks a table by rowid, page by page: `take` sees every row, rowid first and then `columns`,

@@ -4,6 +4,7 @@
 #include <mutex>
 
 #include "cli/catalog.h"
+#include "cli/cause.h"
 #include "cli/dir_list.h"
 #include "cli/dsinfo.h"
 #include "cli/findings.h"
@@ -60,8 +61,10 @@ class Verification {
   }
 
   void unreadable(const CatalogPath& directory, cr_status_t status) {
+    const std::string cause = take_cause();
     if (!is_there(directory.full())) return;  // removed meanwhile
     run([=](Findings* findings) {
+      keep_cause(cause);
       findings->add_unexamined(directory.full(), status, "cannot be read");
     });
   }

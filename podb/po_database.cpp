@@ -110,8 +110,7 @@ cr_status_t SQLitePODB::po_database::take_row(const QueryContext& context, int n
 bool SQLitePODB::po_database::is_asked_for(const QueryContext& context, const char* name) {
   if (context.name == nullptr) return true;
   const char* const asked = context.name->c_str();
-  const int order = OSIsCaseSensitive() ? std::strcmp(name, asked) : sqlite3_stricmp(name, asked);
-  if (order == 0) return true;
+  if (sqlite3_stricmp(name, asked) == 0) return true;  // the table may ignore the case
   ErrorA(CR_STATUS_CORRUPT, "The index of names leads %s to the row of %s", asked, name);
   return false;
 }

@@ -90,7 +90,9 @@ cr_status_t SQLitePODB::get(const std::string& basename, PO* po) {
   context.name = &basename;
   const cr_status_t status = exec_sql(kSelectEntries + where_name_is(basename), &context);
   const bool damaged = context.status != CR_STATUS_OK;
-  set_host_status(damaged ? CR_STATUS_OK : status);
+  // By a damaged index nothing is found or stored safely.
+  const bool misled = context.status == CR_STATUS_CORRUPT;
+  set_host_status(misled ? CR_STATUS_CORRUPT : damaged ? CR_STATUS_OK : status);
   // The row's own failure says more than that of the statement which it stopped.
   if (damaged) return context.status;
   return status == CR_STATUS_OK && context.rows == 0 ? CR_STATUS_NOT_FOUND : status;

@@ -106,6 +106,22 @@ TEST_F(TroubleTest, AListGoesWithTheLastFileOfItsContent) {
 }
 
 // What a crash, or somebody's hand, left; the next run closes the gaps.
+// By it, each store or removal would hit the other row.
+TEST_F(TroubleTest, NothingIsStoredByAnIndexThatLeadsToOtherRows) {
+  write_all({"1", "2"});
+  ingest(cli::kDone);
+  sql("CREATE TABLE t (name TEXT PRIMARY KEY); INSERT INTO t (rowid, name) VALUES (2, '1'), (1, "
+      "'2');"
+      "PRAGMA writable_schema = ON; UPDATE sqlite_master SET rootpage = (SELECT rootpage FROM "
+      "sqlite_master WHERE name = 'sqlite_autoindex_t_1') WHERE name = 'sqlite_autoindex_po_1'");
+  const RawRows before = rows("", "SELECT * FROM po NOT INDEXED");
+  write("1", "changed");
+  remove("2");
+  ingest(cli::kIncomplete, "--delete");
+  EXPECT_THAT(last_.err, testing::HasSubstr("its database is damaged and left as it is"));
+  EXPECT_EQ(rows("", "SELECT * FROM po NOT INDEXED"), before);
+}
+
 TEST_F(TroubleTest, GapsBetweenRowsAndListsAreMended) {
   write_all({"1", "2"});
   write("3", "y");

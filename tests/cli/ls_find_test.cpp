@@ -1,7 +1,9 @@
 #include <algorithm>
+#include <boost/algorithm/string/join.hpp>
 #include <boost/algorithm/string/replace.hpp>
 
 #include "cli/cause.h"
+#include "cli/sqlite_reader.h"
 #include "tests/cli/read_fixture.h"
 
 namespace {
@@ -30,6 +32,41 @@ TEST_F(ListTest, FilesAndDirectoriesAreListedInByteOrder) {
             "-rws--x--x       0:100         1234 1969-12-31T23:59:59Z ir Z\n"
             "drwxr-xr-x                        0 1970-01-01T00:00:00Z -- a\n"
             "-rw-r--r--       0:100         1234 2023-11-14T22:13:20Z -- b\n");
+  const std::string all = command("ls -R" + in_ + image_).out;
+  EXPECT_EQ(all.substr(0, image_.size() + 2), image_ + ":\n");
+  EXPECT_EQ(all.substr(all.find("b\n")), "b\n\n" + image_ + "/a:\n");
+  EXPECT_EQ(command("ls --json -R" + in_).json().back()["directory"], image_);
+}
+
+// More directories than are in work at once, some with more output than is kept for them.
+TEST_F(ListTest, WhatThreadsFindHasTheOrderOfOne) {
+  Names expected;
+  for (int i = 1000; i < 1300; ++i) {
+    const std::string name = "/" + std::to_string(i), file = "/" + std::string(200, 'x');
+    for (int j = 0; j < (i % 100 == 0 ? 400 : i % 20 == 0); ++j) {
+      write(name + file + std::to_string(1000 + j), "");
+      expected.push_back(image_ + name + file + std::to_string(1000 + j));
+    }
+    fs::create_directories(source_ + name);
+  }
+  ingest(cli::kDone, "--no-content");
+  EXPECT_EQ(command("find" + in_ + "*").out, boost::algorithm::join(expected, "\n") + "\n");
+}
+
+// Its journal would be taken for that of the file which went, and undone there.
+TEST_F(ListTest, AReaderOfAReplacedDatabaseLeavesTheNewOneAlone) {
+  add_file("old");
+  cli::Connection connection;
+  ASSERT_EQ(connection.open(database(image_)), SQLITE_OK);
+  cli::Statement rows(connection, "SELECT * FROM po");
+  ASSERT_EQ(rows.step(), SQLITE_ROW);
+  rows.reset();
+  fs::rename(database(image_), root_ + "/moved");
+  add_file("new");
+  const std::string journal = database(image_) + "-journal", content(4096, 'j');
+  write_file(journal, content);
+  EXPECT_EQ(rows.step(), SQLITE_BUSY);
+  EXPECT_EQ(read_file(journal), content);
 }
 
 // More rows and more damage than a page holds: nothing is left out or listed twice.
