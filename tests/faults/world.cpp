@@ -146,6 +146,14 @@ cr_status_t get_lists(World& w, int rows) {
   });
 }
 
+// Lists are not counted: those that there is no memory for are left out.
+cr_status_t walk_lists(World& w, int) {
+  return w.ul.get_all(
+      [](const char*, UDCIDRecord* list) { return list->ndcid == 30 ? CR_STATUS_OK : kUntrue; });
+}
+
+cr_status_t drop_lists(World& w, int) { return w.ul.drop_db(); }
+
 void nothing(World&, int) {}
 
 // Both databases, the directory's record and a journal. With small pages and a small cache, pages
@@ -207,6 +215,8 @@ std::vector<Operation> operations() {
       {"put list", 1, put_lists<50>, fill},
       {"put lists", many, put_lists<50>, fill},
       {"get lists", many, get_lists, fill},
+      {"walk lists", many, walk_lists, fill},
+      {"drop lists", 1, drop_lists, fill},
       {"create lists", 1, put_lists<50>, nothing, {CR_STATUS_FAILED}},
   };
 }
