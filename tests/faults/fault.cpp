@@ -46,10 +46,11 @@ int call(std::initializer_list<Fault> faults, long number, Arguments... argument
 std::atomic<long> live_blocks{0}, closed_beside_sqlite{0};
 std::array<std::atomic<ino_t>, 1024> of_sqlite{};  // its open files, by descriptor
 
-// Of nothing: 0.
+// Of what is no regular file, such as the directories that SQLite syncs: 0.
 ino_t inode_of(int file) {
   struct stat64 found {};
-  return syscall(SYS_fstat, file, &found) == 0 ? found.st_ino ^ found.st_dev << 32U : 0;
+  const bool regular = syscall(SYS_fstat, file, &found) == 0 && S_ISREG(found.st_mode);
+  return regular ? found.st_ino ^ found.st_dev << 32U : 0;
 }
 
 void before_close(int file) {
@@ -172,6 +173,9 @@ bool disarm() {
 }
 
 Held held() {
-  const auto descriptors = std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
-  return {live_blocks, descriptors, static_cast<long>(sqlite3_memory_used()), closed_beside_sqlite};
+  const auto entries = [](const std::filesystem::path& directory) {
+    return std::distance(std::filesystem::directory_iterator(directory), {});
+  };
+  return {live_blocks, entries("/proc/self/fd"), static_cast<long>(sqlite3_memory_used()),
+          closed_beside_sqlite, entries(std::filesystem::temp_directory_path())};
 }

@@ -26,7 +26,8 @@ void arm(Fault fault, long n, bool for_good);
 // Whether the fault was reached.
 bool disarm();
 
-// Blocks of operator new, descriptors, bytes that SQLite holds; and how often somebody closed a
-// file that SQLite had open, which drops the locks that the process has on it.
-using Held = std::array<long, 4>;
+// Blocks of operator new, descriptors, bytes that SQLite holds; how often somebody closed a file
+// that SQLite had open, which drops the locks that the process has on it; and entries of the
+// directory for temporary files, which has to be the program's own.
+using Held = std::array<long, 5>;
 Held held();

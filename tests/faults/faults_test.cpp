@@ -21,6 +21,8 @@ using testing::IsEmpty;
 
 const bool prepared = [] {
   if (std::filesystem::exists("/dev/shm")) setenv("TMPDIR", "/dev/shm", 1);
+  static const TempDir own;
+  setenv("TMPDIR", own.path().c_str(), 1);
   use_faulty_memory();
   refhost::set_sleep([](unsigned int) {});
   refhost::set_log_level(refhost::LogLevel::Error);
