@@ -67,16 +67,18 @@ class POCATALOG_API PODB {
   virtual bool exists(const std::string& basename) = 0;
 
   // Fills `po` from the entry of that name. `flag` belongs to the store, which treats the status
-  // cell as `exists` does: a damaged entry is there.
+  // cell as `exists` does: a damaged entry is there. CR_STATUS_CORRUPT where a damaged index leads
+  // to the row of another name.
   virtual cr_status_t get(const std::string& basename, PO* po, bool flag) = 0;
   virtual cr_status_t get(const std::string& basename, PO* po);
 
   // Inserts or replaces the entry that `po` describes. Strips the location of `po`
-  // (PO::remove_info), even when it fails later: an object is put once.
+  // (PO::remove_info), even when it fails later: an object is put once. By a damaged index the row
+  // of another name may be replaced, which a `get` before it would have told.
   virtual cr_status_t put(PO* po) = 0;
 
   // Deletes the entry of that name; of that name and `second`, the POID; or every listed one (0 as
-  // soon as one was there).
+  // soon as one was there). By a damaged index the row of another name may be deleted.
   virtual cr_status_t del(const std::string& basename) = 0;
   virtual cr_status_t del(const std::string& basename, const std::string& second);
   virtual cr_status_t del(const std::vector<std::string>& basenames) = 0;

@@ -50,16 +50,19 @@ class POCATALOG_API SQLitePODB : public PODB {
   bool exists(const std::string& basename) override;
 
   // `flag` is ignored. CR_STATUS_NOT_FOUND when there is no such row or when the database could not
-  // be opened. The status cell gets the status with which the database could not be opened or read,
-  // otherwise 0, for a damaged row as well.
+  // be opened. CR_STATUS_CORRUPT where a damaged index leads to the row of another name; `po` is
+  // not filled. The status cell gets that, or the status with which the database could not be
+  // opened or read, otherwise 0, for a damaged row as well.
   cr_status_t get(const std::string& basename, PO* po, bool flag) override;
   cr_status_t get(const std::string& basename, PO* po) override;
 
   // CR_STATUS_BAD_ARG for a null object and for an entry without a name. A row whose statement
-  // would be longer than 2047 bytes fails and stores nothing.
+  // would be longer than 2047 bytes fails and stores nothing. SQLite finds the row to replace by
+  // the index of names: by a damaged one it may be that of another name.
   cr_status_t put(PO* po) override;
 
-  // CR_STATUS_NOT_FOUND when nothing was deleted.
+  // CR_STATUS_NOT_FOUND when nothing was deleted. As with put, a damaged index may lead to the row
+  // of another name.
   cr_status_t del(const std::string& basename) override;
   cr_status_t del(const std::vector<std::string>& basenames) override;
 
