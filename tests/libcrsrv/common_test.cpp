@@ -24,6 +24,16 @@ TEST(CatalogPaths, HoldADatabaseOrLieThreeLevelsBelowTheCatalog) {
   EXPECT_EQ(found, (std::vector{dir.path("catalog/A/catalog/1/2/3"), dir.path("db")}));
 }
 
+TEST(Servers, NameTheirModesAndStartThreads) {
+  EXPECT_STREQ(SDModeToString(0x20), "hold");
+  EXPECT_STREQ(SDModeToStatString(0x21), "unknown");
+  int ran = 0;
+  const auto run = [](void* out) -> void* { return ++*static_cast<int*>(out), nullptr; };
+  pthread_t thread;
+  EXPECT_EQ(SDThreadCreate(&thread, run, &ran, 1 << 20, 0), 0);
+  EXPECT_EQ(pthread_join(thread, nullptr) + ran, 1);
+}
+
 // Whether the process turns into a daemon that works in the directory of daemons.
 bool becomes_daemon() {
   const pid_t old_session = getsid(0);
@@ -36,7 +46,7 @@ TEST(DaemonStart, AdmitsOneInstanceWhoseLockEndsWithIt) {
     LogCapture log(refhost::LogLevel::Trace);
     prctl(PR_SET_CHILD_SUBREAPER, 1);
     write_file("/var/run/d.pid", "99999999 and more");
-    start_child([] { return becomes_daemon() ? 0 : 1; });
+    start_child([]() -> int { std::exit(int{!becomes_daemon()}); });
     for (int status = 0; wait(&status) > 0;) EXPECT_EQ(status, 0);
     EXPECT_EQ(SDDaemonStart("d", 1), CR_STATUS_OK);
     const std::string pid = std::to_string(getpid());

@@ -39,9 +39,16 @@ TEST_F(Store, is_made_by_writes_alone_and_an_unusable_one_is_neither_read_nor_re
     cr_status_t write, read, listing, drop;
   } cases[] = {{nullptr, 2, 2, 0, 2}, {"", 32, 2, 0, 2}, {"this is no database", 67, 67, 67, 119}};
   POQueue found;
+  Names names;
+  std::set<std::string> poids = {"p"};
+  unsigned long n = 0;
   for (const auto& c : cases) {
     if (c.content != nullptr) write_file(file, c.content);
-    EXPECT_EQ(c.content != nullptr ? put("f") : db.del("f"), c.write);
+    EXPECT_EQ(c.content != nullptr ? put("f") + db.begin_transaction() : 2 * db.del("f"),
+              2 * c.write);
+    EXPECT_EQ(db.count(&n) + db.find_by_cursor("", &names, 0), 2 * c.read);
+    EXPECT_EQ(db.double_check(&poids, &found, &poids, &n), c.content != nullptr ? c.write : 0);
+    EXPECT_FALSE(db.exists("f") || db.potable_exists() || db.backupid_exists("f"));
     EXPECT_EQ(get("f"), c.read);
     EXPECT_EQ(*__cr_errno_location(), c.write);
     EXPECT_EQ(db.find_by_pattern("*", &found, false), c.listing);
@@ -98,6 +105,8 @@ TEST_F(Store, leaves_damaged_rows_out_of_listings_and_keeps_what_they_may_use) {
   EXPECT_EQ(db.double_check(&affected, &found, &leaks, &users), CR_STATUS_OK);
   EXPECT_EQ(names_of(found), (Names{"first", "last", "first", "last"}));
   EXPECT_EQ(users, 3U);
+  sql("UPDATE po SET poid = NULL WHERE basename = 'damaged'");
+  EXPECT_EQ(get("damaged"), -1);
   EXPECT_EQ(leaks.size(), 10238U) << "a damaged row protects its data";
   log.clear();
 }
@@ -119,6 +128,26 @@ TEST_F(Store, finds_by_pattern_as_file_names_are_compared) {
     EXPECT_EQ(db.statements.back(), "SELECT basename, poid, content, crc FROM po WHERE basename " +
                                         c.condition + "  ORDER BY basename ASC ");
   }
+}
+
+TEST_F(Store, refuses_missing_arguments_and_selects_as_it_is_told) {
+  POQueue queue;
+  Names names;
+  std::set<std::string> set;
+  EXPECT_EQ(db.put(nullptr) + db.get("f", nullptr) + db.count(nullptr) + put(""), 4 * 9);
+  EXPECT_EQ(db.select({}, nullptr, nullptr) + db.find_by_cursor("", nullptr, 0), 2 * 9);
+  EXPECT_EQ(db.process_by_pattern("*", nullptr) + db.double_check(&set, &queue, &set, nullptr), 18);
+  EXPECT_EQ(put("e") + put("f") + put("g") + db.set_property("it's", "'1'"), CR_STATUS_OK);
+  std::string value;
+  EXPECT_EQ(db.get_property("none", &value) + db.get_property("it's", &value), CR_STATUS_NOT_FOUND);
+  EXPECT_EQ(db.rollback_transaction() + db.open() + db.checkopen(), CR_STATUS_OK);
+  EXPECT_EQ(db.select_basenames(&names, "crc > 0", ORDER_DESCENDING, 2), CR_STATUS_OK);
+  EXPECT_EQ(db.find_by_cursor("e", &names, 1) + db.del(Names{"e", "absent"}), CR_STATUS_OK);
+  EXPECT_EQ(names, (Names{"g", "f", "f", "g"}));
+  EXPECT_TRUE(db.exists("f") && db.backupid_exists("f") && db.potable_exists());
+  refhost::set_case_sensitive(false);
+  EXPECT_EQ(db.find_by_pattern(std::string(2049, '_'), &queue, true), CR_STATUS_FAILED);
+  log.clear();
 }
 
 constexpr hrtime_t kIdle = 301'000'000'000;
@@ -156,6 +185,14 @@ TEST_F(PodbPool, lets_go_of_databases_idle_for_more_than_300_seconds_when_it_is_
   refhost::advance_clock(2 * kIdle);
   pool.reclaim();
   EXPECT_EQ(printed(), "\n");
+}
+
+TEST_F(PodbPool, tells_of_a_store_that_fails) {
+  const auto lost = std::static_pointer_cast<SQLitePODB>(database("c"));
+  EXPECT_EQ(lost->begin_transaction() + lost->exec_sql("ROLLBACK", nullptr), CR_STATUS_OK);
+  EXPECT_EQ(pool.commit_all() + pool.close_podb(root.path("c"), 0) + pool.close_all(),
+            CR_STATUS_FAILED);
+  log.clear();
 }
 
 // Writers take turns at a directory, which has two spellings; the pool, at the directories of

@@ -1,3 +1,4 @@
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
@@ -6,6 +7,17 @@
 #include "tests/support/files.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_dir.h"
+
+// What closing answers instead of closing, and how often it was asked for.
+static int close_answer = SQLITE_OK, closings = 0, read_only = 0;
+
+int sqlite3_db_readonly(sqlite3*, const char*) { return read_only; }
+
+int sqlite3_close(sqlite3* db) {
+  static const auto real = reinterpret_cast<decltype(&sqlite3_close)>(dlsym(RTLD_NEXT, __func__));
+  ++closings;
+  return close_answer != SQLITE_OK ? close_answer : real(db);
+}
 
 namespace {
 
@@ -48,6 +60,7 @@ TEST_F(Connection, maps_a_failure_and_throws_corruption_alone) {
     for (const int code : codes) EXPECT_EQ(db_exception(code).cr_status(), status) << code;
   }
   EXPECT_THROW(db.on_db_error(SQLITE_CORRUPT), db_exception);
+  EXPECT_STREQ(db_exception(SQLITE_FULL, "text").what(), "text");
   log.expect_info(CR_STATUS_NONE, "[DBERR 0000000B]: database disk image is malformed");
 }
 
@@ -67,8 +80,9 @@ TEST_F(Connection, is_made_for_a_missing_or_an_empty_file_only_and_leaves_none_w
   db.schema = [&] { return db.on_db_error(SQLITE_CORRUPT); };
   EXPECT_THROW(db.init_db(), db_exception);
   EXPECT_TRUE(db.has_handle() && !db.is_open() && fs::exists(file));
-  EXPECT_TRUE(db.open_db() == CR_STATUS_OK && db.is_open());
-  EXPECT_EQ(db.open_db() + db.init_db(), CR_STATUS_OK) << "open already";
+  closings = 0;
+  EXPECT_TRUE(db.open_db() == CR_STATUS_OK && db.is_open() && closings == 1);
+  EXPECT_EQ(db.open_db() + db.init_db() + db.checkopen(), CR_STATUS_OK) << "open already";
   EXPECT_TRUE(db.run_pragma("PRAGMA trusted_schema", "0", nullptr));
   EXPECT_TRUE(db.run_pragma("PRAGMA busy_timeout", "10000", nullptr));
   EXPECT_EQ(db.drop_db(), CR_STATUS_OK);
@@ -81,6 +95,10 @@ TEST_F(Connection, is_made_for_a_missing_or_an_empty_file_only_and_leaves_none_w
 }
 
 TEST_F(Connection, waits_for_its_statements_when_closing_and_is_abandoned_then) {
+  closings = 0, read_only = 1;  // for want of a descriptor
+  EXPECT_EQ(db.open_db(), CR_STATUS_FAILED);
+  EXPECT_EQ(closings - std::exchange(read_only, 0), 0);
+  log.clear();
   ASSERT_EQ(db.open_db(), CR_STATUS_OK);
   log.expect_info(CR_STATUS_OK, "Open SQLite database " + file);
   sqlite3* const handle = db.db;
@@ -92,17 +110,28 @@ TEST_F(Connection, waits_for_its_statements_when_closing_and_is_abandoned_then) 
   EXPECT_FALSE(db.has_handle() || db.is_open());
   sqlite3_finalize(statement);
   sqlite3_close(handle);
+  fs::current_path(dir.path());
+  ASSERT_EQ(TestDb("bare.db").init_db() + db.open_db(), CR_STATUS_OK) << "in no directory";
+  sqlite3* const kept = db.db;
+  close_answer = SQLITE_MISUSE;
+  EXPECT_EQ(db.open_db("other.db"), CR_STATUS_OK);
+  EXPECT_NE(db.db, kept);
+  close_answer = SQLITE_OK;
+  sqlite3_close(kept);
 }
 
 TEST_F(Connection, tells_of_failures_and_hands_over_rows_whose_exceptions_get_out) {
+  unsigned long rows = 0;
   EXPECT_EQ(db.exec("", nullptr) + db.get_changes() + db.rollback_transaction(),
             2 * CR_STATUS_NOT_FOUND);
+  EXPECT_EQ(db.exec_file(file, false) + db.count_in_table("t", &rows), 2 + CR_STATUS_FAILED);
   EXPECT_FALSE(db.run_pragma("PRAGMA page_size", "4096", nullptr));
-  for (int i = 0; i < 4; ++i) log.expect_error(CR_STATUS_NOT_FOUND, file + " is not opened.");
+  for (int i = 0; i < 6; ++i) log.expect_error(CR_STATUS_NOT_FOUND, file + " is not opened.");
   open_with_rows();
-  unsigned long rows = 0;
-  EXPECT_TRUE(db.count_in_table("t", &rows) == CR_STATUS_OK && rows == 2);
-  EXPECT_FALSE(db.run_pragma("SELECT a FROM t", "3", nullptr) || db.run_pragma("bad", "", nullptr));
+  write_file(dir.path("sql"), "INSERT INTO t VALUES (3, 0)");
+  EXPECT_EQ(db.exec_file(dir.path("sql"), false), CR_STATUS_OK);
+  EXPECT_TRUE(db.count_in_table("t", &rows) == CR_STATUS_OK && rows == 3);
+  EXPECT_FALSE(db.run_pragma("SELECT a FROM t", "4", nullptr) || db.run_pragma("bad", "", nullptr));
   EXPECT_EQ(db.count_in_table("gone", &rows), CR_STATUS_FAILED);
   log.expect_error(CR_STATUS_FAILED, "count_in_table: faile to exec (SELECT COUNT(*) FROM gone;) ");
   const std::string sql = "bad " + std::string(1020, 'x');
@@ -114,8 +143,8 @@ TEST_F(Connection, tells_of_failures_and_hands_over_rows_whose_exceptions_get_ou
   std::string seen;
   db.row = [&](const char* value) { return seen += value, 0; };
   EXPECT_EQ(db.exec("SELECT a FROM t; DELETE FROM t WHERE a > 1", &seen), CR_STATUS_OK);
-  EXPECT_EQ(seen, "12");
-  EXPECT_EQ(db.get_changes(), 1);
+  EXPECT_EQ(seen, "123");
+  EXPECT_EQ(db.get_changes(), 2);
   db.row = [](const char*) -> int { throw 7; };
   EXPECT_THROW(db.exec("SELECT a FROM t", &db), int);
   EXPECT_EQ(db.close_db(0), CR_STATUS_OK);

@@ -114,6 +114,8 @@ TEST_F(Uldb, loses_a_damaged_list_that_is_asked_for_and_a_damaged_file_and_nothi
     unsigned long left;
   } cases[] = {{update("udcids = x'0200000000000000030018FF'"), 32, 32, 1},
                {update("udcids = NULL"), 32, 9, 2},
+               {update("poid = NULL"), 0, 2, 2},  // it comes first, and the last row decides
+               {[&] { fs::remove(file), fs::create_directory(file); }, 4, 4, 0},
                {update("poid = 'b' || char(0)"), 32, 2, 2},
                {[&] { fs::resize_file(file, 4096); }, 67, 67, 0}};
   for (const auto& damage : cases) {
@@ -187,6 +189,28 @@ commit_transaction: DB[/ul.db] commit transaction (operation failed).
     log.clear();
     EXPECT_EQ(boost::algorithm::erase_all_copy(said, dir), c.said);
   }
+}
+
+cr_status_t fail(const char*, UDCIDRecord*) { throw std::bad_alloc(); }
+TEST_F(Uldb, refuses_what_it_cannot_store_and_bears_callbacks_that_throw) {
+  refhost::set_log_level(refhost::LogLevel::Trace);
+  UDCIDRecord huge(~0U, nullptr), bare(1, nullptr), none;
+  EXPECT_EQ(db.put("a", &huge, nullptr), CR_STATUS_NO_MEMORY);
+  EXPECT_EQ(db.put("a", &bare, nullptr) + db.put("a", nullptr, nullptr), 2 * CR_STATUS_BAD_ARG);
+  EXPECT_EQ(put(db, nullptr) + db.del(nullptr) + get(db, nullptr), 3 * CR_STATUS_BAD_ARG);
+  huge.Dump(), none.Dump();
+  EXPECT_EQ(db.rollback_transaction(), CR_STATUS_OK) << "of none";
+  EXPECT_EQ(db.count(nullptr) + db.get_all(nullptr) + db.get_one("a", nullptr), 3 * 9);
+  EXPECT_EQ(put(db, "a") + db.get_all(fail) + db.get_one("a", fail), 2 * CR_STATUS_NO_MEMORY);
+  EXPECT_EQ(none.Deserialize(nullptr, 9) + none.toString(nullptr, 24), 2 * CR_STATUS_BAD_ARG);
+  const std::uint64_t given[] = {300, 64, 300, 63};
+  _cr_stat_t stat = {3, given};
+  const UDCIDRecord record(&stat);
+  EXPECT_EQ(std::vector(record.dcids, record.dcids + 2 * record.ndcid),
+            (std::vector<std::uint64_t>{64, 300, 0, 0}));
+  ++stat.so_count;
+  EXPECT_THROW(UDCIDRecord{&stat}, Cr_ErrnoException);
+  log.clear();
 }
 
 }  // namespace
