@@ -43,7 +43,7 @@ class OrderedWork {
   // Tasks that one thread runs, one after the other: handing over costs more than a small task.
   struct Job {
     std::vector<Task> tasks;
-    bool in_turn;
+    bool in_turn = false;
     bool taken = false;
     bool done = false;
     std::string out;

@@ -21,7 +21,7 @@ inline constexpr const char* kNamedRows =
 
 struct Row {
   std::string name;
-  FilePO* entry;  // of the pager; null when the row is damaged
+  FilePO* entry = nullptr;  // of the pager; null when the row is damaged
 };
 
 // Walks a directory's rows in order of their names. Holds one page of rows, and no lock between two
