@@ -119,7 +119,6 @@ TEST_F(Entries, reach_their_row_by_their_path_and_take_no_other) {
   EXPECT_EQ(row.set_retention(&db, path, RETENTION_IMMUTABLE | RETENTION_CLOUD, 0), 0U);
   EXPECT_EQ(row.get_retention(&db, path, found), 0U);
   EXPECT_EQ(row.remove(&db, path), 71U) << "rows are deleted by their names alone";
-  EXPECT_TRUE(row.exists(&db, path));
   EXPECT_EQ(parent.save(&db, file + "/d") + parent.load(&db, file), 8U);
   EXPECT_EQ(FilePO(row).write(dir) + row.set(root.path(), "junk", path), 4U + 103U);
   EXPECT_TRUE(PO::Glob("f*", "foo") && !FilePO::hasData(&row) && PO::CalculateDsid("/r", "") == 0);

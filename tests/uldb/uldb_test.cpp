@@ -206,7 +206,7 @@ TEST_F(Uldb, refuses_what_it_cannot_store_and_bears_callbacks_that_throw) {
   const std::uint64_t given[] = {300, 64, 300, 63};
   _cr_stat_t stat = {3, given};
   const UDCIDRecord record(&stat);
-  EXPECT_EQ(std::vector(record.dcids, record.dcids + 2 * record.ndcid),
+  EXPECT_EQ(std::vector(record.dcids, record.dcids + 2UL * record.ndcid),
             (std::vector<std::uint64_t>{64, 300, 0, 0}));
   ++stat.so_count;
   EXPECT_THROW(UDCIDRecord{&stat}, Cr_ErrnoException);
