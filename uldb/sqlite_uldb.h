@@ -146,7 +146,6 @@ class POCATALOG_API SQLiteULDB {
   cr_status_t get_imp(const char* poid, std::unique_ptr<UDCIDRecord>& found, bool& retry);
   cr_status_t put_imp(const char* poid, UDCIDRecord* rec, bool& retry);
   cr_status_t del_imp(const char* poid, bool& retry);
-  cr_status_t get_all_imp(Callback cb);
   void log_absent(const char* poid);
   void remove_corrupt(const char* poid);
   cr_status_t end_transaction(const char* verb, const char* sql);
