@@ -100,6 +100,7 @@ OpenTable open_lists(const std::string& file) {
   if (!is_empty_file(file)) {
     throw DirectoryError{CR_STATUS_BAD_DATA, "its ul.db is no database of lists of containers"};
   }
+  lists = OpenTable();  // closed before its file goes
   remove_lists(file);
   return lists;
 }

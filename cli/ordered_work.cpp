@@ -111,16 +111,20 @@ OrderedWork::Job* OrderedWork::next_job() {
 // Nothing leaves a thread but through its job.
 void OrderedWork::run(Job* job) {
   Output out(this, &job->out), err(this, &job->err);
-  try {
+  const auto guarded = [job](const auto& step) {
+    try {
+      step();
+    } catch (...) {
+      if (!job->failure) job->failure = std::current_exception();
+    }
+  };
+  guarded([&] {
     for (const Task& task : job->tasks) {
       take_cause();  // of what was overcome elsewhere
       task({out.stream, err.stream, console_.json, false});
     }
-  } catch (...) {
-    job->failure = std::current_exception();
-  }
-  out.flush_piece();
-  err.flush_piece();
+  });
+  guarded([&] { out.flush_piece(), err.flush_piece(); });
   const std::lock_guard<std::mutex> lock(mutex_);
   job->done = true;
   changed_.notify_all();

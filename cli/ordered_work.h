@@ -17,8 +17,8 @@
 namespace cli {
 
 // Runs tasks by as many threads as the machine has cores, and prints what each has printed in the
-// order in which they were added. Holds a bounded number of tasks, and of their output a bounded
-// piece for each thread's turn: a task that prints more waits. Used by one thread.
+// order in which they were added. Holds a bounded number of tasks, and a bounded piece of what
+// they print: a task that prints more waits for its turn. Used by one thread.
 class OrderedWork {
  public:
   using Task = std::function<void(const Console&)>;

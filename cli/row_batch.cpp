@@ -127,14 +127,18 @@ void RowBatch::replace_damaged(const std::string& name) {
 // the row as it is once nobody else can write.
 RowBatch::Stored RowBatch::compare(const std::string& name, const FilePO& incoming, FilePO* stored,
                                    bool* same) {
-  const bool damaged = rows_.damaged.count(name) != 0;
   const bool recalled = recall(name, stored);
+  const bool is_current = begun_ && !recalled;
   Stored found = recalled ? Stored::readable : load(name, stored);
-  *same = !damaged && found == Stored::readable && is_same(*stored, incoming);
-  if (*same || (begun_ && !recalled)) return found;
+  const auto agrees = [&] {
+    return found == Stored::readable && rows_.damaged.count(name) == 0 &&
+           is_same(*stored, incoming);
+  };
+  *same = agrees();
+  if (*same || is_current) return found;
   begin();
   found = load(name, stored);
-  *same = !damaged && found == Stored::readable && is_same(*stored, incoming);
+  *same = agrees();
   return found;
 }
 
@@ -198,9 +202,8 @@ void RowBatch::remove_others(const std::vector<std::string>& kept) {
 void RowBatch::remove(const std::string& name) {
   FilePO gone = entry_of(name);
   FilePO stored(job_.dsid);
-  if (load(name, &stored) == Stored::absent) return;
-  begin();
-  const Stored found = load(name, &stored);  // as it is while nobody else can write
+  begin();  // nobody else can write from here on
+  const Stored found = load(name, &stored);
   if (found == Stored::absent) return;
   if (found == Stored::readable && protected_entry(stored.record(), job_.clock)) {
     return refuse_protected(name);

@@ -106,10 +106,9 @@ cr_status_t RowPager::read_page() {
 
 cr_status_t RowPager::keep(const Statement& row) {
   if (row.integer(4) != 1) return CR_STATUS_CORRUPT;
-  const bool text = row.type(0) == SQLITE_TEXT;
   std::string name = row.bytes(0);
   last_in_page_ = name;
-  if (!text || !is_name(name)) return CR_STATUS_OK;
+  if (!is_name(name)) return CR_STATUS_OK;
   Stored stored;
   stored.name = std::move(name);
   stored.whole =
