@@ -35,9 +35,8 @@ using Fail = void (*)(int code);
 
 OpenTable open_or_fail(const std::string& file, const std::string& table, Fail fail) {
   OpenTable opened;
-  const int code = open_table(file, table, &opened.connection);
-  if (code != SQLITE_ROW && code != SQLITE_DONE) fail(code);
-  opened.exists = code == SQLITE_ROW;
+  const int code = opened.open(file, table);
+  if (code != SQLITE_OK) fail(code);
   return opened;
 }
 

@@ -27,40 +27,16 @@ struct Mismatch {
   std::uint64_t entries = 0;  // how many entries have that content
 };
 
-// A database of the directory, if there is one.
-class Table {
- public:
-  Table(const CatalogPath& directory, const std::string& file, std::string table)
-      : file_(directory.child(file).full()), name_(std::move(table)) {}
-
-  cr_status_t open() {
-    const int code = open_table(file_, name_, &connection_);
-    has_rows_ = code == SQLITE_ROW;
-    return has_rows_ || code == SQLITE_DONE ? CR_STATUS_OK : status_of_sqlite(code);
-  }
-
-  // Null when there are no rows.
-  const Connection* rows() const { return has_rows_ ? &connection_ : nullptr; }
-  const std::string& name() const { return name_; }
-
- private:
-  const std::string file_;
-  const std::string name_;
-  Connection connection_;
-  bool has_rows_ = false;
-};
-
 struct Databases {
-  Table entries;
-  Table lists;
+  OpenTable entries;
+  OpenTable lists;
 
-  explicit Databases(const CatalogPath& directory)
-      : entries(directory, SQLitePODB::dbfilename(), kEntries),
-        lists(directory, SQLiteULDB::dbfilename(), kLists) {}
-
-  cr_status_t open() {
-    const cr_status_t status = entries.open();
-    return status != CR_STATUS_OK ? status : lists.open();
+  cr_status_t open(const CatalogPath& directory) {
+    int code = entries.open(directory.child(SQLitePODB::dbfilename()).full(), kEntries);
+    if (code == SQLITE_OK) {
+      code = lists.open(directory.child(SQLiteULDB::dbfilename()).full(), kLists);
+    }
+    return code == SQLITE_OK ? CR_STATUS_OK : status_of_sqlite(code);
   }
 };
 
@@ -161,8 +137,8 @@ class Lookup {
 
   // None when nothing is wrong with that content (any more).
   std::optional<Mismatch> judge(const std::string& poid) {
-    const std::uint64_t lists = count(databases_.lists, poid);
-    Mismatch mismatch{poid, "", count(databases_.entries, poid)};
+    const std::uint64_t lists = count(databases_.lists.rows(), kLists, poid);
+    Mismatch mismatch{poid, "", count(databases_.entries.rows(), kEntries, poid)};
     if (mismatch.entries == 0 && lists != 0) return mismatch;
     if (mismatch.entries == 0 || lists != 0) return std::nullopt;
     mismatch.entry = first_with_data(poid);
@@ -173,9 +149,9 @@ class Lookup {
   cr_status_t status() const { return status_; }
 
  private:
-  std::uint64_t count(const Table& table, const std::string& poid) {
-    if (table.rows() == nullptr) return 0;
-    Statement counted(*table.rows(), "SELECT COUNT(*) FROM " + table.name() + " WHERE poid = ?");
+  std::uint64_t count(const Connection* rows, const std::string& table, const std::string& poid) {
+    if (rows == nullptr) return 0;
+    Statement counted(*rows, "SELECT COUNT(*) FROM " + table + " WHERE poid = ?");
     counted.bind(1, poid);
     const int code = counted.step();
     if (code != SQLITE_ROW) status_ = status_of_sqlite(code);
@@ -205,8 +181,8 @@ cr_status_t confirm(const CatalogPath& directory, const std::vector<std::string>
   cr_status_t status = lock.lock(directory.full());
   if (status == CR_STATUS_NOT_FOUND) return CR_STATUS_OK;  // removed meanwhile
   if (status != CR_STATUS_OK) return status;
-  Databases databases(directory);
-  status = databases.open();
+  Databases databases;
+  status = databases.open(directory);
   if (status != CR_STATUS_OK) return status;
   Lookup lookup(databases);
   for (const std::string& poid : poids) {
@@ -250,8 +226,8 @@ void tell_outcome(const CatalogPath& directory, cr_status_t status, Findings* fi
 }  // namespace
 
 void tell_mismatches(const CatalogPath& directory, Findings* findings) {
-  Databases databases(directory);
-  const cr_status_t opened = databases.open();
+  Databases databases;
+  const cr_status_t opened = databases.open(directory);
   if (opened != CR_STATUS_OK) return tell_outcome(directory, opened, findings);
   tell_mismatches(directory, databases.entries.rows(), databases.lists.rows(), findings);
 }

@@ -111,6 +111,12 @@ int open_table(const std::string& file, const std::string& table, Connection* co
   return is_there(file) ? code : SQLITE_DONE;  // removed meanwhile
 }
 
+int OpenTable::open(const std::string& file, const std::string& table) {
+  const int code = open_table(file, table, &connection);
+  exists = code == SQLITE_ROW;
+  return exists || code == SQLITE_DONE ? SQLITE_OK : code;
+}
+
 cr_status_t status_of_sqlite(int code) {
   const cr_status_t status = sqlitedb::db_exception::dberr_to_crstatus(code & 0xff);
   return status == CR_STATUS_OK ? CR_STATUS_FAILED : status;

@@ -81,10 +81,16 @@ int find_table(const Connection& connection, const std::string& table);
 // SQLITE_DONE when there is no file or no such table, or the code of a failure.
 int open_table(const std::string& file, const std::string& table, Connection* connection);
 
-// A table of an existing database, open for several readers.
+// A table of a database that may be missing, open for several readers.
 struct OpenTable {
   Connection connection;
   bool exists = false;
+
+  // Null when there is no table.
+  const Connection* rows() const { return exists ? &connection : nullptr; }
+
+  // SQLITE_OK, whether there is such a table or not, or the code of a failure.
+  int open(const std::string& file, const std::string& table);
 };
 
 // The status of a failure's code, never 0.
