@@ -1,4 +1,5 @@
 #include <dlfcn.h>
+#include <sqlite3.h>
 
 #include <functional>
 #include <memory>
@@ -7,65 +8,89 @@
 #include "po/file_po.h"
 #include "podb/retention.h"
 #include "podb/sqlite_podb.h"
+#include "sqlitedb/sqlite_wrapper.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/records.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
 
-// The host's function that fails, and the status that it leaves.
+// What a host function that fails leaves in the cell, or throws.
+constexpr cr_status_t kBadAlloc = -100, kDamaged = -101;
+
 std::string failing;
 cr_status_t left = CR_STATUS_OK;
 
 cr_status_t& cell() { return *__cr_errno_location(); }
 
-template <typename Result, typename... Parameters, typename... Arguments>
-Result unless_failing(const char* name, Result failure, Result (*)(Parameters...),
-                      Arguments... arguments) {
-  if (failing == name) return cell() = left, failure;
-  return reinterpret_cast<Result (*)(Parameters...)>(dlsym(RTLD_NEXT, name))(arguments...);
+// The host's function of that name or, while it fails, -1 or null.
+template <typename Result, typename... Parameters>
+Result host(const char* name, Result (*)(Parameters...), Parameters... arguments) {
+  if (failing != name) {
+    return reinterpret_cast<Result (*)(Parameters...)>(dlsym(RTLD_NEXT, name))(arguments...);
+  }
+  if (left == kBadAlloc) throw std::bad_alloc();
+  if (left == kDamaged) throw sqlitedb::db_exception(SQLITE_CORRUPT);
+  cell() = left;
+  if constexpr (std::is_pointer_v<Result>) return nullptr;
+  return Result(-1);
 }
+
+using Text = const char*;
 
 }  // namespace
 
 extern "C" {
-int POSetFromString(_po_t* record, const char* text) {
-  return unless_failing(__func__, -1, &POSetFromString, record, text);
+int POSetFromString(_po_t* po, Text text) { return host(__func__, &POSetFromString, po, text); }
+int POSetDirname(_po_t* po, Text name) { return host(__func__, &POSetDirname, po, name); }
+int POSetBasename(_po_t* po, Text name) { return host(__func__, &POSetBasename, po, name); }
+int POSetDsid(_po_t* po, std::uint32_t dsid) { return host(__func__, &POSetDsid, po, dsid); }
+int POSetPath(_po_t* po, Text path) { return host(__func__, &POSetPath, po, path); }
+int POSetSpecialFlags(_po_t* po, std::uint32_t f) {
+  return host(__func__, &POSetSpecialFlags, po, f);
 }
-int POSetDirname(_po_t* record, const char* name) {
-  return unless_failing(__func__, -1, &POSetDirname, record, name);
-}
-int POSetBasename(_po_t* record, const char* name) {
-  return unless_failing(__func__, -1, &POSetBasename, record, name);
-}
-int POSetDsid(_po_t* record, std::uint32_t dsid) {
-  return unless_failing(__func__, -1, &POSetDsid, record, dsid);
-}
-int POSetPath(_po_t* record, const char* path) {
-  return unless_failing(__func__, -1, &POSetPath, record, path);
-}
-int POSetSpecialFlags(_po_t* record, std::uint32_t flags) {
-  return unless_failing(__func__, -1, &POSetSpecialFlags, record, flags);
-}
-int POSetAtime(_po_t* record, std::uint64_t seconds) {
-  return unless_failing(__func__, -1, &POSetAtime, record, seconds);
-}
-_po_t* POCreate() { return unless_failing<_po_t*>(__func__, nullptr, &POCreate); }
-char* POToStringMalloced(const _po_t* record) {
-  return unless_failing<char*>(__func__, nullptr, &POToStringMalloced, record);
-}
+int POSetAtime(_po_t* po, std::uint64_t time) { return host(__func__, &POSetAtime, po, time); }
+_po_t* POCreate() { return host(__func__, &POCreate); }
+_po_t* POCopy(const _po_t* po) { return host(__func__, &POCopy, po); }
+char* POToStringMalloced(const _po_t* po) { return host(__func__, &POToStringMalloced, po); }
+Text POGetBasename(const _po_t* po) { return host(__func__, &POGetBasename, po); }
+Text POGetHashRef(const _po_t* po) { return host(__func__, &POGetHashRef, po); }
+Text POGetCdoRef(const _po_t* po) { return host(__func__, &POGetCdoRef, po); }
+bool OSIsCaseSensitive() { return host(__func__, &OSIsCaseSensitive); }
+cr_status_t wa_access(Text path, int mode) { return host(__func__, &wa_access, path, mode); }
+cr_status_t wa_deletefile(Text path) { return host(__func__, &wa_deletefile, path); }
+cr_status_t wa_deletetree(Text path) { return host(__func__, &wa_deletetree, path); }
 }  // extern "C"
 
 namespace {
 
+using Operation = std::function<cr_status_t()>;
+
+cr_status_t outcome(const Operation& operation) {
+  try {
+    return operation();
+  } catch (const Cr_ErrnoException& caught) {
+    return caught.status();
+  } catch (const std::bad_alloc&) {
+    return kBadAlloc;
+  }
+}
+
 TEST(FailingHost, is_told_of_with_the_status_that_it_left) {
   const TempDir root;
-  const std::string dir = root.path("5/c/d");
+  const std::string dir = root.path("5/c/d"), spare = root.path("5/s");
   LogCapture log;
-  SQLitePODB db(root.path(), dir);
+  SQLitePODB db(root.path(), dir), fresh(root.path(), spare);
   const std::string path = dir + "/f";
-  FilePO file_entry(file_text("f"));
+  refhost::RecordFields fields = file_fields("f", make_poid(1), 7, "/c/d");
+  fields.content_fp = "f00d";
+  const std::string form = text_of(fields);
+  FilePO file_entry(file_text("f")), full(form);
   DirPO dir_entry(5);
+  ds_info_t info{};
+  std::vector<PO*> lists;
+  std::string text;
+  tolvfs_worm_info_t worm{};
   const auto add = [&] { return file_entry.add_info(root.path(), path, nullptr); };
   const auto set = [&] { return file_entry.set(root.path(), file_text("f"), path); };
   const auto save = [&] { return file_entry.save(&db, path); };
@@ -77,13 +102,23 @@ TEST(FailingHost, is_told_of_with_the_status_that_it_left) {
     return std::unique_ptr<PO>(PO::getObjectWithPath("/r", "/r/5/f", 5)) != nullptr ? 0 : cell();
   };
   const auto parse = [&] {
-    return std::unique_ptr<PO>(PO::getObject(file_text("f"), PO_STYPE_NONE)) != nullptr ? 0
-                                                                                        : cell();
+    return std::unique_ptr<PO>(PO::getObject(form, PO_STYPE_NONE)) ? 0 : cell();
   };
+  const auto update = [&] { return full.update(&db, info, lists, lists, text); };
+  const auto list = [&] {
+    POQueue found;
+    return db.find_by_pattern("*", &found, true) + static_cast<int>(found.size());
+  };
+  const auto remove = [&] {
+    std::filesystem::create_directories(spare);
+    return dir_entry.remove(&fresh, spare);
+  };
+  const auto describe = [&] { return full.udcid_qualified() + FilePO::hasData(&full); };
+  const auto init = [&] { return fresh.init_db(); };
   const struct {
     const char* function;
     cr_status_t left;
-    std::function<cr_status_t()> operation;
+    Operation operation;
     cr_status_t result;
     std::string line;
   } cases[] = {
@@ -97,30 +132,55 @@ TEST(FailingHost, is_told_of_with_the_status_that_it_left) {
       {"POToStringMalloced", 22, write, 22, "to string error " + path},
       {"POToStringMalloced", 0, write, 0, "can't PO to string"},
       {"POToStringMalloced", 22, save, 22, "Failed to convert PO f to string"},
+      {"POToStringMalloced", 22, [&] { return full.to_string(text); }, 22, "can't PO to string"},
       {"", 0, [&] { return file_entry.write(dir); }, 4, "write file error " + dir + ", "},
       {"POSetSpecialFlags", 0, lock, 4, "set_retention: set po failed for f"},
       {"POSetAtime", 22, lock, 22, "set_retention: set po failed for f"},
+      {"POGetBasename", 0, lock, 47, "set_retention: put po failed for f"},
+      {"POGetBasename", 0, [&] { return full.get_path("", &text); }, 47, ""},
+      {"POGetHashRef", 0, describe, 1, ""},
+      {"POGetCdoRef", 0, describe, 0, ""},
+      {"POGetHashRef", 0, parse, 0, ""},
       {"POCreate", 0, parse, 4, "Allocate po struct failed."},
+      {"POCreate", kBadAlloc, parse, 22, "can't allocate memory"},
       {"POCreate", 0, make, 22, "Could not create PO object"},
+      {"POCreate", kBadAlloc, make, 22, "getObjectWithPath: can't allocate memory"},
+      {"POSetPath", 11, make, 11, "can't set PO path /r/5/f"},
+      {"POCopy", 0, [&] { return FilePO(full).get_size() == 0; }, 13, "Allocate po struct failed."},
       {"POSetDirname", 22, [&] { return dir_entry.save(&db, dir); }, 22,
        "can not write dirpo entry [" + dir + "/__dirpo__]"},
       {"", 0, [&] { return dir_entry.save(&db, path + "/g"); }, 4,
        "could not create directory " + path + "/g"},
-      {"POSetDsid", 0, [&] { return dir_entry.load(&db, dir); }, 4, "can't set po [" + dir},
+      {"POSetDsid", 0, [&] { return dir_entry.load(&db, dir, 0); }, 4, "can't set po [" + dir},
       {"", 0, [&] { return dir_entry.load(&db, path); }, 4, "can't open DirPO file " + path},
+      {"wa_deletefile", 22, remove, 0, "remove: Failed to delete file " + spare + "/__dirpo__ ("},
+      {"wa_deletetree", 22, remove, -1, "remove: Failed to delete directory " + spare + " ("},
+      {"wa_access", kDamaged, [&] { return fresh.checkopen(); }, 67,
+       "checkopen: Failed to open sqlite3 database " + spare + "/po.db [11]: "},
+      {"OSIsCaseSensitive", kDamaged, init, 67, "Failed to initialize PO database " + spare},
+      {"OSIsCaseSensitive", kBadAlloc, init, kBadAlloc, ""},
+      {"", 0, init, 0, "Create tables successfully"},
+      {"POSetPath", 22, list, 0, "Failed to set PO [" + path + "]["},
+      {"POCreate", 0, list, 13, "Allocate po struct failed."},
+      {"POCreate", 0, update, 13, "Allocate po struct failed."},
+      {"POCreate", kBadAlloc, update, 22, "can't allocate memory"},
+      {"POSetPath", 22, update, 0, "Remove existing PO " + root.path("0/c/d/f")},
+      {"POGetCdoRef", 0, [&] { return db.get_retention("f", worm); }, 0, ""},
+      {"POToStringMalloced", 0, save, 0, "can't PO to string"},
   };
   EXPECT_EQ(set() + save(), CR_STATUS_OK);
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.function) + ": " + c.line);
     EXPECT_EQ(set(), CR_STATUS_OK);
     failing = c.function, left = c.left, cell() = CR_STATUS_OK;
-    EXPECT_EQ(c.operation(), c.result);
+    EXPECT_EQ(outcome(c.operation), c.result);
     failing.clear();
     std::string told;
-    for (const auto& line : log.messages(refhost::LogLevel::Error)) told += line + "\n";
+    for (const auto& line : log.lines()) told += line.message + "\n";
     EXPECT_NE(told.find(c.line), std::string::npos) << told;
     log.clear();
   }
+  EXPECT_EQ(lists, std::vector<PO*>{&full}) << "an entry of no known place is not listed";
 }
 
 }  // namespace
