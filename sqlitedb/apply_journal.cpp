@@ -67,7 +67,8 @@ cr_status_t SQLiteApplyJournal::exec(const std::string& sql, void* arg) {
   if (TraceOn()) __Trace("Exec sql statement [[[%s]]]", sql.c_str());
   std::string error;
   const int rc = run_statements(sql, arg, error);
-  return rc == SQLITE_OK ? CR_STATUS_OK : on_db_error(rc, shortened_for_log(sql), error);
+  if (rc == SQLITE_OK) return CR_STATUS_OK;
+  return on_db_error(rc, shortened_for_log(sql), error);
 }
 
 cr_status_t SQLiteApplyJournal::on_db_error(int rc, const std::string& sql,
