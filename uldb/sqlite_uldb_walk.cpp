@@ -19,7 +19,7 @@ constexpr StatementTexts kOwner = owner_texts("get_all_imp");
 cr_status_t read_row(const Statement& row, std::unique_ptr<UDCIDRecord>& record) {
   const char* poid = row.text(0);
   const Blob blob = row.blob(1);
-  if (poid == nullptr || blob.bytes == nullptr || blob.size == 0) {
+  if (poid == nullptr || blob.bytes == nullptr) {  // null for an empty one, too
     ErrorA(CR_STATUS_BAD_DATA, "UDCID list data of POID %s is corrupt.", poid ? poid : "(null)");
     return CR_STATUS_BAD_DATA;
   }

@@ -22,6 +22,10 @@ TEST(CatalogPaths, HoldADatabaseOrLieThreeLevelsBelowTheCatalog) {
     if (IsPodbPath(path)) found.push_back(path);
   }
   EXPECT_EQ(found, (std::vector{dir.path("catalog/A/catalog/1/2/3"), dir.path("db")}));
+  EXPECT_TRUE(IsPodbPath(found[0] + "/") && !IsPodbPath(dir.path("catalog/1/2/3")));
+  std::string backup, image;
+  EXPECT_EQ(basename2backupid("x", backup, image), 0);
+  EXPECT_EQ(backup + image, "xx");
 }
 
 TEST(Servers, NameTheirModesAndStartThreads) {
@@ -30,12 +34,15 @@ TEST(Servers, NameTheirModesAndStartThreads) {
   int ran = 0;
   const auto run = [](void* out) -> void* { return ++*static_cast<int*>(out), nullptr; };
   pthread_t thread;
-  EXPECT_EQ(SDThreadCreate(&thread, run, &ran, 1 << 20, 0), 0);
-  EXPECT_EQ(pthread_join(thread, nullptr) + ran, 1);
+  for (const std::size_t stack : {1 << 20, 0}) {
+    EXPECT_EQ(SDThreadCreate(&thread, run, &ran, stack, 0) + pthread_join(thread, nullptr), 0);
+  }
+  EXPECT_EQ(ran, 2);
 }
 
 // Whether the process turns into a daemon that works in the directory of daemons.
 bool becomes_daemon() {
+  refhost::set_log_level(refhost::LogLevel::Info);
   const pid_t old_session = getsid(0);
   return SDDaemonStart("d", 0) == CR_STATUS_OK && getsid(0) != old_session &&
          fs::current_path() == "/tmp" && fs::read_symlink("/proc/self/fd/2") == "/dev/null";

@@ -8,6 +8,7 @@
 
 #include "libcrsrv/common.h"
 #include "tests/support/files.h"
+#include "tests/support/log_capture.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
@@ -59,6 +60,11 @@ TEST(LogCleanup, RemovesExactlyWhatIsOverItsLimit) {
     EXPECT_EQ(snapshot(dir.path()), expected);
   };
   const char* const root = dir.path().c_str();
+  LogCapture log(refhost::LogLevel::Trace);
+  SDCleanKeyLogs(root, "", 0, 1);
+  EXPECT_TRUE(log.lines().empty());
+  SDCleanKeyLogs(dir.path("gone").c_str(), "k", 1, 0);
+  SDCleanLogs(dir.path("gone").c_str(), 1, 0, 0, nullptr);
   SDCleanLogs(root, INT_MAX, 0, INT_MAX, nullptr);
   expect_gone({});
   SDCleanLogs(root, 0, 1, 0, ten_for_abc);
@@ -69,6 +75,14 @@ TEST(LogCleanup, RemovesExactlyWhatIsOverItsLimit) {
   expect_gone({"old", "empty"});
   SDCleanLogs(root, 10, 1, 0, nullptr);
   expect_gone({"deep/er/old", "deep/er", "deep"});
+  for (const std::string& line :
+       {"SDCleanKeyLogs: path=" + dir.path("gone") + ", key=k, maxdays=1, descend=0",
+        "SDCleanKeyLogs: " + dir.path("gone: No such file or directory"),
+        "SDCleanLogs: " + dir.path("gone, maxdays=1"), dir.path("gone: No such file or directory"),
+        dir.path("abc/old: expired"), "SDCleanKeyLogs: " + dir.path("key/er/old: expired"),
+        "SDCleanKeyLogs: " + dir.path("old: skipping")}) {
+    log.expect(refhost::LogLevel::Trace, CR_STATUS_NONE, line);
+  }
 }
 
 TEST(LogCleanup, DoesNotFollowALinkThatTookTheDirectorysPlace) {

@@ -13,6 +13,17 @@
 
 namespace {
 
+bool no_memory = false;
+
+}  // namespace
+
+extern "C" void* __real_malloc(std::size_t size);
+extern "C" void* __wrap_malloc(std::size_t size) {
+  return no_memory ? nullptr : __real_malloc(size);
+}
+
+namespace {
+
 namespace fs = std::filesystem;
 
 // Two entries; the same in version 1, and what becomes of that.
@@ -25,7 +36,12 @@ const std::string kEmptyHex = "020000000000000003001800";
 
 struct TestDb : SQLiteULDB {
   using SQLiteULDB::db;
+  using SQLiteULDB::db_exec;
   using SQLiteULDB::SQLiteULDB;
+
+  cr_status_t recover() override { return recovery ? recovery() : SQLiteULDB::recover(); }
+
+  std::function<cr_status_t()> recovery;
 };
 
 std::string seen;
@@ -49,10 +65,27 @@ unsigned long rows(SQLiteULDB& of) {
 }
 
 struct Uldb : testing::Test {
+  // Does it whenever the open connection prepares a statement, once for each of its names.
+  void at_preparing(std::function<void()> act) {
+    preparing = std::move(act);
+    const auto run = [](void* self, int, const char*, const char*, const char*, const char*) {
+      return static_cast<Uldb*>(self)->preparing(), SQLITE_OK;
+    };
+    sqlite3_set_authorizer(db.db, run, this);
+  }
+  // The messages so far, the path of the file left out.
+  std::string said() {
+    std::string messages;
+    for (const auto& line : log.lines()) messages += line.message + "\n";
+    log.clear();
+    return boost::algorithm::erase_all_copy(messages, file);
+  }
+
   const TempDir root;
   const std::string dir = root.path("5/it's");
   const std::string file = dir + "/ul.db";
   LogCapture log;
+  std::function<void()> preparing;
   const FakeSleep sleep;
   TestDb db{dir, 0};
 };
@@ -89,6 +122,11 @@ TEST_F(Uldb, reads_and_writes_lists_in_the_form_that_is_on_disk_and_refuses_ever
   }
   log.expect_error(CR_STATUS_BAD_DATA,
                    "Deserialize: udcid data crc mismatch, calculated 1572867, expected 1572883.");
+  EXPECT_EQ(read(record, "020000000100000004001C00"), CR_STATUS_BAD_DATA) << "lacks its entry";
+  no_memory = true;
+  EXPECT_EQ(read(record, kOldHex), CR_STATUS_NO_MEMORY);
+  EXPECT_EQ(read(record, kEmptyHex), CR_STATUS_OK);
+  no_memory = false;
   log.clear();
 }
 
@@ -155,28 +193,30 @@ TEST_F(Uldb, brackets_rows_and_waits_for_others_to_finish) {
 
 TEST_F(Uldb, says_what_became_of_its_file) {
   const auto find = [&] { return get(db, "a"); };
-  const std::string made = "ULDB /ul.db doesn't exist.\ncreated UDCID List database /ul.db\n";
+  const std::string made = "ULDB  doesn't exist.\ncreated UDCID List database \n";
   const struct {
     std::function<void()> harm;
     std::function<cr_status_t()> operation;
     cr_status_t status;
     std::string said;
   } cases[] = {
-      {[&] { fs::remove(file); }, find, 2, made + "DB[/ul.db] don't have record with POID = a\n"},
+      {[&] { fs::remove(file); }, find, 2, made + "DB[] don't have record with POID = a\n"},
       {[&] { db.db_close(), write_file(file, "xx"); }, find, 67,
-       R"(get_imp: DB[/ul.db] failed to prepare SQL[SELECT udcids FROM utable WHERE poid = ?] (file is not a database).
+       R"(get_imp: DB[] failed to prepare SQL[SELECT udcids FROM utable WHERE poid = ?] (file is not a database).
 db_corrupted: sqlite error code is 26 (file is not a database).
-db_corrupted: UDCID List database /ul.db is corrupted. 
-drop_db: Drop UDCID List database: /ul.db
-Failed to recover database /ul.db
+db_corrupted: UDCID List database  is corrupted. 
+drop_db: Drop UDCID List database: 
+Failed to recover database 
 )"},
       {[&] { db.begin_transaction(), fs::remove(file); }, [&] { return db.commit_transaction(); },
        4,
-       "begin_transaction: DB[/ul.db] begin transaction (success).\n" + made +
-           R"(db_exec_imp: /ul.db: failed to execute "COMMIT TRANSACTION", (cannot commit - no transaction is active)
+       "begin_transaction: DB[] begin transaction (success).\n" + made +
+           R"(db_exec_imp: : failed to execute "COMMIT TRANSACTION", (cannot commit - no transaction is active)
 db_corrupted: sqlite error code is 1 (SQL logic error).
-commit_transaction: DB[/ul.db] commit transaction (operation failed).
-)"}};
+commit_transaction: DB[] commit transaction (operation failed).
+)"},
+      {[&] { at_preparing([&] { fs::remove(file); }); }, [&] { return get(db, "b"); }, 2,
+       "get_imp: ULDB  doesn't exist, close handle of it.\n"}};
   for (const auto& c : cases) {
     SCOPED_TRACE(&c - cases);
     db.db_close(), fs::remove_all(dir);
@@ -184,25 +224,84 @@ commit_transaction: DB[/ul.db] commit transaction (operation failed).
     log.clear();
     c.harm();
     EXPECT_EQ(c.operation(), c.status);
-    std::string said;
-    for (const auto& line : log.lines()) said += line.message + "\n";
-    log.clear();
-    EXPECT_EQ(boost::algorithm::erase_all_copy(said, dir), c.said);
+    EXPECT_EQ(said(), c.said);
   }
 }
 
-cr_status_t fail(const char*, UDCIDRecord*) { throw std::bad_alloc(); }
+TEST_F(Uldb, fails_for_what_became_too_long_and_hands_out_no_list_of_another) {
+  const std::string name(40, 'a');
+  const char* const poid = name.c_str();
+  EXPECT_EQ(put(db, "a") + put(db, "c") + put(db, "e") + put(db, poid), CR_STATUS_OK);
+  int names = 3;
+  at_preparing([&] {
+    if (--names < 0) sqlite3_limit(db.db, SQLITE_LIMIT_LENGTH, 30);
+  });
+  EXPECT_EQ(get(db, poid), CR_STATUS_FAILED) << "not told whose list it is";
+  EXPECT_EQ(get(db, poid) + db.del(poid) + put(db, poid) + put(db, "a"), 4 * CR_STATUS_FAILED);
+  log.expect_error(4, "put_imp: DB[" + file + "] failed to bind blob (string or blob too big).");
+  raw_sql(file, "DELETE FROM utable WHERE poid = '" + name +
+                    "'; CREATE TABLE o AS SELECT * FROM utable; INSERT INTO o VALUES ('a', x'" +
+                    kEmptyHex + "'), ('a', x'" + kWidenedHex +
+                    "'); CREATE INDEX i ON o (poid); CREATE TABLE p AS SELECT nullif(replace(poid, "
+                    "'c', 'd'), 'e'), udcids FROM o; PRAGMA writable_schema = 1; UPDATE "
+                    "sqlite_schema AS s SET rootpage = (SELECT rootpage FROM sqlite_schema WHERE "
+                    "name = iif(s.type = 'table', 'p', 'i')) WHERE tbl_name = 'utable'");
+  db.db_close(), seen.clear(), log.clear();
+  EXPECT_EQ(db.get_all(see), CR_STATUS_BAD_DATA);
+  EXPECT_EQ(seen, "a") << "once";
+  EXPECT_EQ(get(db, "c") + get(db, "e"), 2 * CR_STATUS_CORRUPT);
+  for (const char* line : {"a to the row of a", "c to the row of d", "e to the row of (null)"}) {
+    log.expect_error(32, std::string("The index of UDCID lists leads POID ") + line);
+  }
+  log.clear();
+}
+
+TEST_F(Uldb, tries_again_after_a_recovery_that_succeeded) {
+  const auto vanish = [&] { at_preparing([&] { fs::remove(file); }); };
+  const auto put_other = [&] { return put(db, "b"); };
+  const std::tuple<std::function<cr_status_t()>, cr_status_t, const char*> cases[] = {
+      {put_other, CR_STATUS_OK, "db_corrupted: UDCID List database  is missing."},
+      {[] { return CR_STATUS_OK; }, CR_STATUS_FAILED, "Failed to open database "},
+      {[&] { return db.db_checkinit(), vanish(), put_other(); }, 4, "Failed to recover database "}};
+  for (const auto& [recovery, status, told] : cases) {
+    EXPECT_EQ(put(db, "c"), CR_STATUS_OK);
+    vanish(), db.recovery = recovery;
+    EXPECT_EQ(put(db, "a"), status);
+    EXPECT_NE(said().find(told), std::string::npos) << told;
+    EXPECT_EQ(rows(db), status == CR_STATUS_OK ? 2U : 0U);
+  }
+}
+
+cr_status_t fail(const char* poid, UDCIDRecord*) {
+  if (*poid == 'a') throw std::bad_alloc();
+  if (*poid == 'd') throw 7;
+  throw Cr_ErrnoException(*poid == 'b' ? CR_STATUS_BUSY : CR_STATUS_OK, "", nullptr);
+}
 TEST_F(Uldb, refuses_what_it_cannot_store_and_bears_callbacks_that_throw) {
-  refhost::set_log_level(refhost::LogLevel::Trace);
+  constexpr auto kTrace = refhost::LogLevel::Trace;
+  refhost::set_log_level(kTrace);
   UDCIDRecord huge(~0U, nullptr), bare(1, nullptr), none;
   EXPECT_EQ(db.put("a", &huge, nullptr), CR_STATUS_NO_MEMORY);
   EXPECT_EQ(db.put("a", &bare, nullptr) + db.put("a", nullptr, nullptr), 2 * CR_STATUS_BAD_ARG);
   EXPECT_EQ(put(db, nullptr) + db.del(nullptr) + get(db, nullptr), 3 * CR_STATUS_BAD_ARG);
   huge.Dump(), none.Dump();
+  EXPECT_EQ(read(none, kOldHex), CR_STATUS_OK);
+  none.Dump();
+  log.expect(kTrace, CR_STATUS_NONE, "Old version 1 of UDCID record, converted to version 2");
+  log.expect(kTrace, CR_STATUS_NONE, "dcid = 200, datasize = 0");
+  EXPECT_EQ(TestDb(root.path(), 0).db_exec("") + db.db_open() + db.db_checkinit(), 4);
   EXPECT_EQ(db.rollback_transaction(), CR_STATUS_OK) << "of none";
   EXPECT_EQ(db.count(nullptr) + db.get_all(nullptr) + db.get_one("a", nullptr), 3 * 9);
-  EXPECT_EQ(put(db, "a") + db.get_all(fail) + db.get_one("a", fail), 2 * CR_STATUS_NO_MEMORY);
+  EXPECT_EQ(put(db, "a") + db.get_all(fail), CR_STATUS_NO_MEMORY);
+  for (const auto& [poid, status] : {std::pair("a", 22), {"b", 11}, {"c", 4}, {"d", 4}}) {
+    EXPECT_EQ(put(db, poid) + db.get_one(poid, fail), status);
+  }
+  char text[99];
+  unsigned int n = 11;
   EXPECT_EQ(none.Deserialize(nullptr, 9) + none.toString(nullptr, 24), 2 * CR_STATUS_BAD_ARG);
+  EXPECT_EQ(none.Serialize(nullptr, n) + none.toString(text, 88) + bare.toString(text, 99), 3 * 9);
+  EXPECT_EQ(none.Serialize(reinterpret_cast<unsigned char*>(text), n), CR_STATUS_BAD_ARG);
+  log.expect_error(9, "toString: buf size 88 is too small, it should be 89 at least.");
   const std::uint64_t given[] = {300, 64, 300, 63};
   _cr_stat_t stat = {3, given};
   const UDCIDRecord record(&stat);
@@ -210,6 +309,20 @@ TEST_F(Uldb, refuses_what_it_cannot_store_and_bears_callbacks_that_throw) {
             (std::vector<std::uint64_t>{64, 300, 0, 0}));
   ++stat.so_count;
   EXPECT_THROW(UDCIDRecord{&stat}, Cr_ErrnoException);
+  EXPECT_THROW(UDCIDRecord(static_cast<_cr_stat_t*>(nullptr)), Cr_ErrnoException);
+  no_memory = true;
+  EXPECT_THROW(UDCIDRecord{record}, Cr_ErrnoException);
+  stat.so_count = 0;
+  EXPECT_EQ(UDCIDRecord(&stat).ndcid + UDCIDRecord(bare).ndcid, 1U);
+  no_memory = false;
+  EXPECT_TRUE(db.db_corrupted(SQLITE_FORMAT) && !db.db_corrupted(SQLITE_READONLY));
+  db.clear_ops();
+  EXPECT_EQ(std::pair(db.get_ops(), db.get_db_dir()), std::pair(decltype(db.get_ops()){}, dir));
+  raw_sql(file, "DROP TABLE utable");
+  EXPECT_EQ(rows(db), 0U);
+  log.expect_error(CR_STATUS_FAILED, "count: faile to exec (SELECT COUNT(*) FROM utable;) ");
+  db.db_close(), fs::remove(file), fs::create_directory(file);
+  EXPECT_EQ(db.del("a") + db.commit_transaction() + db.rollback_transaction(), 3 * 4);
   log.clear();
 }
 
