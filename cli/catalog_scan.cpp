@@ -10,20 +10,22 @@ namespace cli {
 bool CatalogScan::walk(const CatalogPath& top, const Visit& visit) {
   if (!is_reachable(top)) return false;
   walk_directories(
-      top, [&](const CatalogPath& directory) { visit(console_, directory); },
+      top, [&](const CatalogPath& directory, const DirPager&) { visit(console_, directory); },
       [&](const CatalogPath& directory, cr_status_t status) {
         unlisted(console_, directory, status);
       });
   return true;
 }
 
-bool CatalogScan::walk_by_threads(const CatalogPath& top, const Visit& visit) {
+bool CatalogScan::walk_by_threads(const CatalogPath& top, const ThreadVisit& visit) {
   if (!is_reachable(top)) return false;
   OrderedWork work(console_);
   walk_directories(
       top,
-      [&](const CatalogPath& directory) {
-        work.add([directory, &visit](const Console& console) { visit(console, directory); });
+      [&](const CatalogPath& directory, DirPager names) {
+        work.add([directory, names = std::move(names), &visit](const Console& console) {
+          visit(console, directory, names);
+        });
       },
       [&](const CatalogPath& directory, cr_status_t status) {
         work.add_in_turn([this, directory, status, cause = take_cause()](const Console& console) {

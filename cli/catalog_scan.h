@@ -8,6 +8,7 @@
 
 #include "cli/catalog.h"
 #include "cli/command.h"
+#include "cli/dir_list.h"
 #include "host/po_record.h"
 
 namespace cli {
@@ -17,6 +18,7 @@ namespace cli {
 class CatalogScan {
  public:
   using Visit = std::function<void(const Console&, const CatalogPath&)>;
+  using ThreadVisit = std::function<void(const Console&, const CatalogPath&, const DirPager&)>;
 
   explicit CatalogScan(const Console& console) : console_(console) {}
 
@@ -24,8 +26,9 @@ class CatalogScan {
   // byte order. False, and reported, when there is no such directory.
   bool walk(const CatalogPath& top, const Visit& visit);
 
-  // The same with visits by several threads at once; what they print appears in the same order.
-  bool walk_by_threads(const CatalogPath& top, const Visit& visit);
+  // The same with visits by several threads at once; what they print appears in the same order. The
+  // pager is one of the directory that is visited, before its first entry.
+  bool walk_by_threads(const CatalogPath& top, const ThreadVisit& visit);
 
   // Reads a directory's rows in order of their names, those that meet `condition` (raw SQL, may be
   // empty). No lock is held while `take` runs.

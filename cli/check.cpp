@@ -44,7 +44,7 @@ int check(const Console& console, const CheckOptions& options) {
   std::uint64_t counters = 0;
   walk_directories(
       root,
-      [&](const CatalogPath& directory) {
+      [&](const CatalogPath& directory, const DirPager&) {
         const bool data_store = directory.components.size() == 1;
         if (data_store) counters += check_counters(directory, &findings);
         tell_mismatches(directory, &findings);

@@ -18,6 +18,9 @@ namespace {
 // Names held per directory. A directory with more is read again for every further page.
 constexpr std::size_t kPage = 65536;
 
+// Names that a copy of a pager may hold as well.
+constexpr std::size_t kFew = 64;
+
 EntryKind kind_of(mode_t kind) {
   if (kind == S_IFDIR) return EntryKind::directory;
   return kind == S_IFREG ? EntryKind::file : EntryKind::other;
@@ -42,14 +45,13 @@ bool is_of_catalog(const CatalogPath& directory, const DirEntry& entry) {
 cr_status_t read_entries(const std::string& directory, const std::string& after, std::size_t limit,
                          std::vector<DirEntry>* entries) {
   entries->clear();
-  const refhost::Fd opened(
-      open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  refhost::Fd opened(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   const auto take = [&](std::string name, mode_t kind) {
     if (name <= after) return;
     entries->push_back({std::move(name), kind_of(kind)});
     if (entries->size() >= 2 * limit) keep_first(entries, limit);
   };
-  if (!opened || !read_directory_entries(opened.get(), take)) return status_of_errno("readdir");
+  if (!read_directory_entries(std::move(opened), take)) return status_of_errno("readdir");
   keep_first(entries, limit);
   std::sort(entries->begin(), entries->end(), by_name);
   return CR_STATUS_OK;
@@ -58,6 +60,12 @@ cr_status_t read_entries(const std::string& directory, const std::string& after,
 const DirEntry* DirPager::next() {
   if (position_ == page_.size() && !fill()) return nullptr;
   return &page_[position_++];
+}
+
+DirPager DirPager::read_ahead() {
+  fill();
+  if (status_ != CR_STATUS_OK) *this = DirPager(directory_);  // fails again when it is asked
+  return last_page_ && page_.size() <= kFew ? *this : DirPager(directory_);
 }
 
 bool DirPager::fill() {
@@ -70,15 +78,17 @@ bool DirPager::fill() {
   return !page_.empty();
 }
 
-void walk_directories(const CatalogPath& top, const std::function<void(const CatalogPath&)>& visit,
+void walk_directories(const CatalogPath& top, const DirectoryVisit& visit,
                       const std::function<void(const CatalogPath&, cr_status_t)>& failed) {
   std::vector<std::pair<CatalogPath, DirPager>> open_levels;
-  const auto start = [&visit](const CatalogPath& directory) {
+  const auto enter = [&](const CatalogPath& directory) {
+    DirPager names(directory.full());
+    DirPager same_names = names.read_ahead();
     take_cause();  // of what was overcome elsewhere
-    visit(directory);
+    if (!directory.components.empty()) visit(directory, std::move(same_names));
+    open_levels.emplace_back(directory, std::move(names));
   };
-  if (!top.components.empty()) start(top);
-  open_levels.emplace_back(top, DirPager(top.full()));
+  enter(top);
   while (!open_levels.empty()) {
     auto& [path, entries] = open_levels.back();
     const DirEntry* entry = entries.next();
@@ -86,9 +96,7 @@ void walk_directories(const CatalogPath& top, const std::function<void(const Cat
       if (entries.status() != CR_STATUS_OK) failed(path, entries.status());
       open_levels.pop_back();
     } else if (is_of_catalog(path, *entry)) {
-      const CatalogPath below = path.child(entry->name);
-      start(below);
-      open_levels.emplace_back(below, DirPager(below.full()));
+      enter(path.child(entry->name));
     }
   }
 }

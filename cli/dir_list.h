@@ -33,6 +33,10 @@ class DirPager {
   const DirEntry* next();
   cr_status_t status() const { return status_; }
 
+  // Reads before the first `next`. Returns a pager of the same directory, which need not read it
+  // again when its names are few.
+  DirPager read_ahead();
+
  private:
   bool fill();
 
@@ -47,10 +51,13 @@ class DirPager {
 // writes: what is unfinished then stays so.
 void remove_unfinished_writes(const std::string& directory);
 
+// The pager is one of the directory that is visited.
+using DirectoryVisit = std::function<void(const CatalogPath&, DirPager)>;
+
 // Visits a directory of the catalog and all directories below it, parents first, in byte order.
 // Symbolic links are never followed. `failed` gets the directories that cannot be read, and the
 // walk goes on. From the root of a catalog, all data stores are visited and nothing else there.
-void walk_directories(const CatalogPath& top, const std::function<void(const CatalogPath&)>& visit,
+void walk_directories(const CatalogPath& top, const DirectoryVisit& visit,
                       const std::function<void(const CatalogPath&, cr_status_t)>& failed);
 
 }  // namespace cli

@@ -7,8 +7,7 @@
 #include <cerrno>
 #include <memory>
 #include <string_view>
-
-#include "refhost/fd_internal.h"
+#include <utility>
 
 namespace cli {
 namespace {
@@ -18,11 +17,10 @@ struct CloseStream {
 };
 using Stream = std::unique_ptr<DIR, CloseStream>;
 
-// Over a descriptor of its own, which the stream closes.
-Stream open_stream(int directory) {
-  refhost::Fd again(openat(directory, ".", O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  Stream stream(again ? fdopendir(again.get()) : nullptr);
-  if (stream) again.release();
+// Closes the descriptor in the end.
+Stream open_stream(refhost::Fd directory) {
+  Stream stream(directory ? fdopendir(directory.get()) : nullptr);
+  if (stream) directory.release();
   return stream;
 }
 
@@ -35,9 +33,9 @@ mode_t kind_of(int directory, const dirent& entry) {
 
 }  // namespace
 
-bool read_directory_entries(int directory,
+bool read_directory_entries(refhost::Fd directory,
                             const std::function<void(std::string name, mode_t kind)>& take) {
-  const Stream stream = open_stream(directory);
+  const Stream stream = open_stream(std::move(directory));
   if (!stream) return false;
   for (;;) {
     errno = 0;
@@ -45,7 +43,7 @@ bool read_directory_entries(int directory,
     const dirent* entry = readdir(stream.get());  // NOLINT(concurrency-mt-unsafe)
     if (entry == nullptr) return errno == 0;
     const std::string_view name = entry->d_name;
-    if (name != "." && name != "..") take(std::string(name), kind_of(directory, *entry));
+    if (name != "." && name != "..") take(std::string(name), kind_of(dirfd(stream.get()), *entry));
   }
 }
 

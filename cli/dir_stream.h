@@ -6,11 +6,14 @@
 #include <functional>
 #include <string>
 
+#include "refhost/fd_internal.h"
+
 namespace cli {
 
-// Hands every entry but "." and ".." of an open directory to `take`: its name and its S_IF value,
-// which is 0 when it could not be found out. In no order. False with the reason in `errno`.
-bool read_directory_entries(int directory,
+// Hands every entry but "." and ".." of a directory, just opened, to `take`: its name and its S_IF
+// value, which is 0 when it could not be found out. In no order. False with the reason in `errno`,
+// which is that of the opening when there is no descriptor.
+bool read_directory_entries(refhost::Fd directory,
                             const std::function<void(std::string name, mode_t kind)>& take);
 
 }  // namespace cli

@@ -21,19 +21,20 @@ std::unique_ptr<DirPO> data_store_entry(unsigned int dsid) {
   return entry;
 }
 
-// A link or a pipe in the place of a directory's record is not for reading: that might never end.
-bool is_readable_record(const CatalogPath& directory) {
+// What lies in the place of a directory's record. What is no file, as a link or a pipe, is not for
+// reading: that might never end.
+enum class RecordPlace { empty, file, other };
+
+RecordPlace record_place(const CatalogPath& directory) {
   struct stat found = {};
   const std::string file = directory.child(DirPO::recordfilename()).full();
-  return lstat(file.c_str(), &found) != 0 || S_ISREG(found.st_mode);
+  if (lstat(file.c_str(), &found) != 0) return RecordPlace::empty;
+  return S_ISREG(found.st_mode) ? RecordPlace::file : RecordPlace::other;
 }
 
-cr_status_t load_directory(const CatalogPath& path, std::unique_ptr<DirPO>* entry) {
-  if (path.components.size() == 1) {
-    *entry = data_store_entry(*path.dsid());
-    return CR_STATUS_OK;
-  }
-  if (!is_readable_record(path)) return CR_STATUS_BAD_RECORD;
+cr_status_t load_image_directory(const CatalogPath& path, RecordPlace place,
+                                 std::unique_ptr<DirPO>* entry) {
+  if (place == RecordPlace::other) return CR_STATUS_BAD_RECORD;
   auto found = std::make_unique<DirPO>(*path.dsid());
   const auto status = static_cast<cr_status_t>(found->load(path.root, path.full()));
   if (status != CR_STATUS_OK) return status;
@@ -60,13 +61,18 @@ cr_status_t read_file(const CatalogPath& path, std::unique_ptr<FilePO>* entry) {
 cr_status_t read_directory(const CatalogPath& path, std::unique_ptr<DirPO>* entry) {
   if (!path.dsid()) return CR_STATUS_NOT_FOUND;
   const cr_status_t reachable = check_directory(path);
-  return reachable == CR_STATUS_OK ? load_directory(path, entry) : reachable;
+  if (reachable != CR_STATUS_OK) return reachable;
+  if (path.components.size() > 1) return load_image_directory(path, record_place(path), entry);
+  *entry = data_store_entry(*path.dsid());
+  return CR_STATUS_OK;
 }
 
 cr_status_t read_found_directory(const CatalogPath& path, std::unique_ptr<DirPO>* entry) {
-  // Without a record it may be gone.
-  return path.components.size() > 1 && has_record(path.full()) ? load_directory(path, entry)
-                                                               : read_directory(path, entry);
+  if (path.components.size() > 1) {
+    const RecordPlace place = record_place(path);
+    if (place != RecordPlace::empty) return load_image_directory(path, place, entry);
+  }
+  return read_directory(path, entry);  // without a record it may be gone
 }
 
 cr_status_t read_entry(const CatalogPath& path, bool directory_only, std::unique_ptr<PO>* entry) {

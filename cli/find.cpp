@@ -109,7 +109,7 @@ int find(const Console& console, const FindOptions& options) {
   const int understood = understand(console, options, &wanted);
   if (understood != kDone) return understood;
   CatalogScan scan(console);
-  const auto visit = [&](const Console& own, const CatalogPath& directory) {
+  const auto visit = [&](const Console& own, const CatalogPath& directory, const DirPager&) {
     const std::string above = directory.inner() + "/";
     scan.read_rows(own, directory, wanted.condition,
                    [&](const std::string& name, const _po_t* record) {

@@ -4,6 +4,7 @@
 
 #include <nlohmann/json.hpp>
 #include <ostream>
+#include <utility>
 
 #include "cli/catalog_scan.h"
 #include "cli/dir_list.h"
@@ -57,13 +58,13 @@ void print_damaged(const Console& console, const Place& place) {
 // Lists one directory: merges its rows and its subdirectories.
 class Listing {
  public:
-  Listing(const Console& console, const CatalogPath& directory, bool of_many)
+  Listing(const Console& console, const CatalogPath& directory, DirPager names, bool of_many)
       : console_(console),
         directory_(directory),
         inner_(directory.inner()),
         of_many_(of_many),
         rows_(directory),
-        entries_(directory.full()) {}
+        entries_(std::move(names)) {}
 
   int run() {
     const Row* row = next_row();
@@ -143,21 +144,23 @@ int list_file(const Console& console, const CatalogPath& path) {
   return kDone;
 }
 
-int list_with_path(const Console& console, const CatalogPath& directory, bool is_first) {
+int list_with_path(const Console& console, const CatalogPath& directory, const DirPager& names,
+                   bool is_first) {
   const std::string path = directory.components.empty() ? "." : printable(directory.inner());
   if (!console.json) console.out << (is_first ? "" : "\n") << path << ":\n";
-  return Listing(console, directory, true).run();
+  return Listing(console, directory, names, true).run();
 }
 
 int list_all(const Console& console, const CatalogPath& top) {
   CatalogScan scan(console);
   const bool is_root = top.components.empty();  // which no walk visits
-  if (is_root) scan.count(top.full(), list_with_path(console, top, true));
+  if (is_root) scan.count(top.full(), list_with_path(console, top, DirPager(top.full()), true));
   const std::size_t depth = top.components.size();
-  const bool walked = scan.walk_by_threads(top, [&](const Console& own, const CatalogPath& path) {
+  const auto visit = [&](const Console& own, const CatalogPath& path, const DirPager& names) {
     const bool is_first = !is_root && path.components.size() == depth;
-    scan.count(path.full(), list_with_path(own, path, is_first));
-  });
+    scan.count(path.full(), list_with_path(own, path, names, is_first));
+  };
+  const bool walked = scan.walk_by_threads(top, visit);
   return walked ? scan.exit_status() : kFailed;
 }
 
@@ -168,7 +171,7 @@ int ls(const Console& console, const LsOptions& options) {
   if (!path) return report_bad_path(console, options.path);
   const cr_status_t status = check_directory(*path);
   if (status == CR_STATUS_OK && options.recursive) return list_all(console, *path);
-  if (status == CR_STATUS_OK) return Listing(console, *path, false).run();
+  if (status == CR_STATUS_OK) return Listing(console, *path, DirPager(path->full()), false).run();
   if (path->components.empty() || status != CR_STATUS_NOT_FOUND || names_directory(options.path)) {
     report(console, path->full(), status, unreached_text(status));
     return kFailed;

@@ -50,7 +50,9 @@ CountResult count_data_store(const std::string& root, unsigned int dsid, ds_info
   };
   walk_directories(
       CatalogPath{root, {std::to_string(dsid)}},
-      [&](const CatalogPath& path) { keep_first(path, count_directory(path, counters)); },
+      [&](const CatalogPath& path, const DirPager&) {
+        keep_first(path, count_directory(path, counters));
+      },
       keep_first);
   if (!cause.empty()) keep_cause(cause);
   return result;

@@ -36,19 +36,20 @@ RowPager::RowPager(const CatalogPath& directory, const std::string& condition)
     : root_(directory.root),
       directory_(directory.full()),
       file_(directory_ + "/" + SQLitePODB::dbfilename()),
+      is_whole_(condition.empty()),
       sql_(page_statement(condition)),
       entry_(directory.dsid().value_or(0)) {}
 
 const Row* RowPager::next() {
   if (position_ == page_.size() && !fill()) return nullptr;
   Stored& stored = page_[position_++];
-  ++delivered_;
   row_.entry = decode(stored) ? &entry_ : nullptr;
   row_.name = std::move(stored.name);
   return &row_;
 }
 
 bool RowPager::fill() {
+  delivered_ += page_.size();
   page_.clear();
   position_ = 0;
   while (page_.empty() && !last_page_) {
@@ -80,12 +81,14 @@ cr_status_t RowPager::open() {
   if (S_ISDIR(found.st_mode)) return CR_STATUS_FAILED;
   if (!S_ISREG(found.st_mode) || found.st_size == 0) return CR_STATUS_BAD_DATA;
   const int code = connection_.open(file_);
-  if (code != SQLITE_OK) return is_there(file_) ? status_of_sqlite(code) : CR_STATUS_NOT_FOUND;
-  statement_ = std::make_unique<Statement>(connection_, sql_);
-  return CR_STATUS_OK;
+  if (code == SQLITE_OK) return CR_STATUS_OK;
+  return is_there(file_) ? status_of_sqlite(code) : CR_STATUS_NOT_FOUND;
 }
 
 cr_status_t RowPager::read_page() {
+  const ReadTransaction transaction(connection_);
+  if (transaction.code() != SQLITE_OK) return status_of_sqlite(transaction.code());
+  if (!statement_) statement_ = std::make_unique<Statement>(connection_, sql_);
   statement_->bind(1, last_name_);
   last_in_page_.clear();
   std::size_t rows = 0;
@@ -101,6 +104,7 @@ cr_status_t RowPager::read_page() {
   }
   if (rows > 0) last_name_ = last_in_page_;
   last_page_ = rows < kPage;
+  nameless_rows_ = last_page_ && is_whole_ && finds_nameless_rows(delivered_ + page_.size());
   return kept;
 }
 
@@ -131,11 +135,11 @@ bool RowPager::decode(const Stored& stored) {
   return entry_.set(root_, stored.content, directory_ + "/" + stored.name) == 0;
 }
 
-// Counting is quick, and tells when every row was delivered.
-bool RowPager::has_nameless_rows() {
-  if (connection_.handle() == nullptr) return false;
+// Counting is quick, and tells when every row has a name.
+bool RowPager::finds_nameless_rows(std::size_t named) const {
   Statement counted(connection_, "SELECT COUNT(*) FROM po");
-  if (counted.step() == SQLITE_ROW && counted.integer(0) == delivered_) return false;
+  const bool is_counted = counted.step() == SQLITE_ROW;
+  if (is_counted && counted.integer(0) == static_cast<std::int64_t>(named)) return false;
   const std::string nameless = std::string("SELECT 1 FROM po WHERE NOT ") + kNamedRows;
   return Statement(connection_, nameless).step() == SQLITE_ROW;
 }

@@ -41,7 +41,7 @@ class RowPager {
 
   // Whether there are rows whose names are none, which the walk passes over. After a walk without a
   // condition.
-  bool has_nameless_rows();
+  bool has_nameless_rows() const { return nameless_rows_; }
 
  private:
   struct Stored {
@@ -57,20 +57,23 @@ class RowPager {
   cr_status_t open();
   cr_status_t read_page();
   cr_status_t keep(const Statement& row);
+  bool finds_nameless_rows(std::size_t named) const;
   bool decode(const Stored& stored);
 
   const std::string root_;
   const std::string directory_;
   const std::string file_;
+  const bool is_whole_;  // there is no condition
   const std::string sql_;
   Connection connection_;
   std::unique_ptr<Statement> statement_;
   std::vector<Stored> page_;
   std::size_t position_ = 0;
-  std::int64_t delivered_ = 0;
-  std::string last_name_;  // of the pages before
+  std::size_t delivered_ = 0;  // of the pages before
+  std::string last_name_;      // of the pages before
   std::string last_in_page_;
   bool last_page_ = false;
+  bool nameless_rows_ = false;
   cr_status_t status_ = CR_STATUS_OK;
   FilePO entry_;
   Row row_;

@@ -29,9 +29,10 @@ bool SourceDirectory::open(const std::string& path, const FileId& id) {
 }
 
 bool SourceDirectory::read(std::vector<SourceEntry>* entries) const {
-  const bool complete = read_directory_entries(fd(), [entries](std::string name, mode_t kind) {
-    entries->push_back({std::move(name), kind});
-  });
+  const bool complete = read_directory_entries(refhost::Fd(openat(fd(), ".", kReadFlags)),
+                                               [entries](std::string name, mode_t kind) {
+                                                 entries->push_back({std::move(name), kind});
+                                               });
   if (!complete) return false;
   std::sort(entries->begin(), entries->end(), by_name);
   return true;

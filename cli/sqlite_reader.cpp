@@ -8,6 +8,7 @@
 #include "base/hardening_internal.h"
 #include "base/sqlite_codes_internal.h"
 #include "cli/catalog.h"
+#include "cli/plain_path_vfs.h"
 #include "sqlitedb/sqlite_wrapper.h"
 
 namespace cli {
@@ -25,7 +26,7 @@ std::int64_t size_of(const std::string& file) {
 
 int Connection::open(const std::string& file) {
   sqlite3* opened = nullptr;
-  const int code = sqlite3_open_v2(file.c_str(), &opened, SQLITE_OPEN_READWRITE, nullptr);
+  const int code = sqlite3_open_v2(file.c_str(), &opened, SQLITE_OPEN_READWRITE, plain_path_vfs());
   db_.reset(opened);
   if (code != SQLITE_OK) return code;
   harden(opened);
@@ -37,6 +38,19 @@ bool Connection::has_moved() const {
   int moved = 0;
   sqlite3_file_control(handle(), "main", SQLITE_FCNTL_HAS_MOVED, &moved);
   return moved != 0;
+}
+
+// BEGIN alone takes no lock; the pragma does, and needs no schema.
+ReadTransaction::ReadTransaction(const Connection& connection)
+    : connection_(connection), code_(SQLITE_BUSY) {
+  if (connection.has_moved()) return;
+  code_ = without_false_damage(
+      connection.handle(),
+      sqlite3_exec(connection.handle(), "BEGIN; PRAGMA schema_version", nullptr, nullptr, nullptr));
+}
+
+ReadTransaction::~ReadTransaction() {
+  sqlite3_exec(connection_.handle(), "ROLLBACK", nullptr, nullptr, nullptr);
 }
 
 Statement::Statement(const Connection& connection, const std::string& sql)
@@ -57,7 +71,8 @@ void Statement::bind(int parameter, const std::string& text) {
 
 int Statement::step() {
   if (compiled_ != SQLITE_OK) return without_false_damage(connection_.handle(), compiled_);
-  if (!running_ && connection_.has_moved()) return SQLITE_BUSY;
+  const bool takes_lock = !running_ && sqlite3_get_autocommit(connection_.handle()) != 0;
+  if (takes_lock && connection_.has_moved()) return SQLITE_BUSY;
   const int code = sqlite3_step(statement_.get());
   running_ = code == SQLITE_ROW;
   return without_false_damage(connection_.handle(), code);

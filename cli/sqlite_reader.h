@@ -34,8 +34,26 @@ class Connection {
   std::unique_ptr<sqlite3, Close> db_;
 };
 
-// One statement on a connection that outlives it. Holds a read lock from the first step to the
-// reset.
+// Until it ends, what is read on a connection is of one state, under one lock: each statement, and
+// the compilation of the first, would take and give back its own, a dozen system calls each time.
+class ReadTransaction {
+ public:
+  explicit ReadTransaction(const Connection& connection);
+  ReadTransaction(const ReadTransaction&) = delete;
+  ReadTransaction& operator=(const ReadTransaction&) = delete;
+  ~ReadTransaction();
+
+  // SQLITE_OK when the lock is held, SQLITE_BUSY when the file has moved, or another failure's
+  // code.
+  int code() const { return code_; }
+
+ private:
+  const Connection& connection_;
+  int code_;
+};
+
+// One statement on a connection that outlives it. Outside a transaction it holds a read lock from
+// the first step to the reset.
 class Statement {
  public:
   Statement(const Connection& connection, const std::string& sql);
@@ -45,7 +63,7 @@ class Statement {
   void bind(int parameter, const std::string& text);
 
   // SQLITE_ROW, SQLITE_DONE or the code of a failure, that of the compilation included. The first
-  // step answers SQLITE_BUSY when the file has moved.
+  // step answers SQLITE_BUSY when the file has moved, unless a transaction holds the lock.
   int step();
   // Back to before the first step; lets go of the lock.
   void reset();

@@ -52,7 +52,7 @@ class Verification {
     run([data_store](Findings* findings) { check_counters(data_store, findings); });
     walk_directories(
         data_store,
-        [this](const CatalogPath& directory) {
+        [this](const CatalogPath& directory, const DirPager&) {
           run([directory](Findings* findings) { verify_directory(directory, findings); });
         },
         [this](const CatalogPath& directory, cr_status_t status) {
