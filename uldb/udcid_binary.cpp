@@ -117,7 +117,7 @@ cr_status_t UDCIDRecord::Deserialize(unsigned char* buf, unsigned int size) {
   version = number_at<std::uint16_t>(buf);
   ndcid = number_at<std::uint32_t>(buf + kCountAt);
   dcids = allocated_udcid_list("Deserialize", ndcid);
-  if (dcids == nullptr && ndcid > 0) return CR_STATUS_NO_MEMORY;
+  if (dcids == nullptr) return CR_STATUS_NO_MEMORY;
   owns_buffer = true;
   if (version == kOldVersion) {
     widen_old_list(dcids, buf + kUdcidListAt, ndcid);

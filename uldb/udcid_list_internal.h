@@ -28,7 +28,7 @@ inline unsigned int printable_size(std::uint64_t size) {
 }
 
 // A list of n entries, not yet written, from `malloc`'s heap, the caller's to free. Null, after a
-// log line in the name of `operation`, when there is no memory; n = 0 never lacks it.
+// log line in the name of `operation`, when there is no memory; n = 0 needs a buffer, too.
 std::uint64_t* allocated_udcid_list(const char* operation, std::uint32_t n);
 
 // Reads a number that is aligned to nothing, as callers' buffers may be.

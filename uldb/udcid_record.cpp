@@ -17,7 +17,7 @@ constexpr std::uint64_t kFirstDcid = 64;
 
 std::uint64_t* list_or_throw(std::uint32_t n) {
   std::uint64_t* list = allocated_udcid_list("UDCIDRecord", n);
-  if (list != nullptr || n == 0) return list;
+  if (list != nullptr) return list;
   char text[256];
   std::snprintf(text, sizeof text, "malloc %u size memory for dcid buffer failed.",
                 printable_size(udcid_list_size(n)));
@@ -50,10 +50,9 @@ std::set<std::uint64_t> distinct_dcids(const _cr_stat_t& stat) {
 
 }  // namespace
 
-// An empty list may have no buffer at all.
 std::uint64_t* allocated_udcid_list(const char* operation, std::uint32_t n) {
   auto* list = static_cast<std::uint64_t*>(std::malloc(udcid_list_size(n)));
-  if (list == nullptr && n > 0) {
+  if (list == nullptr) {
     ErrorA(CR_STATUS_NO_MEMORY, "%s: malloc %u size memory for dcid buffer failed!", operation,
            printable_size(udcid_list_size(n)));
   }
