@@ -26,6 +26,8 @@ void add_pool_cases(Cases& cases, std::size_t scale);
 void add_put_growth(Cases& cases, std::size_t rows);
 void add_read_growth(Cases& cases, std::size_t rows);
 void add_check_growth(Cases& cases, std::size_t rows);
+void add_update_growth(Cases& cases, std::size_t rows);
+void add_uldb_growth(Cases& cases, std::size_t records);
 void add_directory_growth(Cases& cases, std::size_t directories);
 
 }  // namespace bench

@@ -93,26 +93,22 @@ Side reopening(const char* name, const SharedDirectories& shared, std::size_t co
 }  // namespace
 
 void add_directory_cases(Cases& cases, std::size_t scale) {
-  const std::size_t count = 1000 / scale;
-  const auto shared = std::make_shared<std::unique_ptr<Directories>>();
-  cases.push_back({"first row of " + grouped(count) + " directories",
-                   count,
-                   0.95,
-                   {first_rows("library", count, first_rows_by_library),
-                    first_rows("floor", count, first_rows_by_floor)}});
-  cases.push_back({"reopen and get/" + grouped(count) + " directories",
-                   count,
-                   0.95,
-                   {reopening("library", shared, count, get_by_library),
-                    reopening("floor", shared, count, get_by_floor)}});
+  add_directory_growth(cases, 1000 / scale);
 }
 
 void add_directory_growth(Cases& cases, std::size_t directories) {
-  cases.push_back({"first row of a directory/" + grouped(directories),
+  const std::string suffix = "/" + grouped(directories) + " directories";
+  cases.push_back({"first row of a directory" + suffix,
                    directories,
                    0.95,
                    {first_rows("library", directories, first_rows_by_library),
                     first_rows("floor", directories, first_rows_by_floor)}});
+  const auto shared = std::make_shared<std::unique_ptr<Directories>>();
+  cases.push_back({"reopen and get" + suffix,
+                   directories,
+                   0.95,
+                   {reopening("library", shared, directories, get_by_library),
+                    reopening("floor", shared, directories, get_by_floor)}});
 }
 
 }  // namespace bench

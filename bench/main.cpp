@@ -68,6 +68,8 @@ bench::Cases cases_of_growth(std::size_t scale) {
     bench::add_put_growth(cases, rows / scale);
     bench::add_read_growth(cases, rows / scale);
     bench::add_check_growth(cases, rows / scale);
+    bench::add_update_growth(cases, rows / scale);
+    bench::add_uldb_growth(cases, rows / scale);
     if (rows < 1000000) bench::add_directory_growth(cases, rows / scale);
   }
   return cases;

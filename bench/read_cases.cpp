@@ -202,6 +202,7 @@ void add_read_growth(Cases& cases, std::size_t rows) {
   add("get/", n, get_by_library, get_by_floor);
   add("exists/", n, exists_by_library, exists_by_floor);
   add("del/", n, del_by_library, del_by_floor);
+  add("find_by_pattern/", rows, find_by_library<kAll>, find_by_floor<kAll>);
   add("process_by_pattern/", rows, process_by_library<kAll>, process_by_floor<kAll>);
 }
 

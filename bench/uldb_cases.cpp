@@ -159,31 +159,38 @@ Side bare_side(const char* name, const Made& made, void (*run)(BareStore&)) {
           }};
 }
 
-Case uldb_case(const char* name, Size size, const Made& made, void (*library)(Store&),
-               void (*floor)(BareStore&)) {
-  return {std::string("SQLiteULDB::") + name + "/" + grouped(size.entries) + " entries",
-          size.records,
-          0.90,
-          {library_side(made, library), bare_side("floor", made, floor)}};
+void add_stores(Cases& cases, Size size, const std::string& suffix) {
+  const Made empty = [=] { return std::make_shared<Store>(size.records, size.entries); };
+  const Made filled = [=] {
+    auto store = empty();
+    put_by_library(*store);
+    return store;
+  };
+  const auto add = [&](const char* name, const Made& made, void (*library)(Store&),
+                       void (*floor)(BareStore&)) {
+    cases.push_back({std::string("SQLiteULDB::") + name + suffix,
+                     size.records,
+                     0.90,
+                     {library_side(made, library), bare_side("floor", made, floor)}});
+  };
+  add("put", empty, put_by_library, put_by_floor);
+  cases.back().sides.push_back(bare_side("prepared each time", empty, put_prepared_each));
+  add("get", filled, get_by_library, get_by_floor);
+  cases.back().sides.push_back(bare_side("prepared each time", filled, get_prepared_each));
+  add("get_all", filled, get_all_by_library, get_all_by_floor);
 }
 
 }  // namespace
 
 void add_uldb_cases(Cases& cases, std::size_t scale) {
   for (const Size& full : {Size{10000, 4}, Size{1000, 1000}}) {
-    const Size size{full.records / scale, full.entries};
-    const Made empty = [=] { return std::make_shared<Store>(size.records, size.entries); };
-    const Made filled = [=] {
-      auto store = empty();
-      put_by_library(*store);
-      return store;
-    };
-    cases.push_back(uldb_case("put", size, empty, put_by_library, put_by_floor));
-    cases.back().sides.push_back(bare_side("prepared each time", empty, put_prepared_each));
-    cases.push_back(uldb_case("get", size, filled, get_by_library, get_by_floor));
-    cases.back().sides.push_back(bare_side("prepared each time", filled, get_prepared_each));
-    cases.push_back(uldb_case("get_all", size, filled, get_all_by_library, get_all_by_floor));
+    add_stores(cases, {full.records / scale, full.entries},
+               "/" + grouped(full.entries) + " entries");
   }
+}
+
+void add_uldb_growth(Cases& cases, std::size_t records) {
+  add_stores(cases, {records, 4}, " of 4 entries/" + grouped(records));
 }
 
 }  // namespace bench

@@ -114,20 +114,25 @@ Work floor_work(Kind kind, std::size_t count) {
   return [=] { BareUpdate(*updates, *db, kind).run(); };
 }
 
-}  // namespace
-
-void add_update_cases(Cases& cases, std::size_t scale) {
-  const std::size_t count = 10000 / scale;
+void add_updates(Cases& cases, std::size_t count, const std::string& suffix) {
   for (const auto& [name, which] :
        {std::pair("new", Kind::New), std::pair("identical", Kind::Identical),
         std::pair("replaced", Kind::Replaced), std::pair("deleted", Kind::Deleted)}) {
     const Kind kind = which;
-    cases.push_back({std::string("FilePO::update/") + name,
+    cases.push_back({std::string("FilePO::update/") + name + suffix,
                      count,
                      0.90,
                      {{"library", [=] { return library_work(kind, count); }},
                       {"floor", [=] { return floor_work(kind, count); }}}});
   }
+}
+
+}  // namespace
+
+void add_update_cases(Cases& cases, std::size_t scale) { add_updates(cases, 10000 / scale, ""); }
+
+void add_update_growth(Cases& cases, std::size_t rows) {
+  add_updates(cases, rows, "/" + grouped(rows));
 }
 
 }  // namespace bench
