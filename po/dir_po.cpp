@@ -127,7 +127,7 @@ unsigned int DirPO::update(PODB* db, ds_info_t& info, std::vector<PO*>&, std::ve
     action = "D";
     return result;
   }
-  const bool is_new = !is_there(path) || !is_there(record_path(path));
+  const bool is_new = !is_there(record_path(path));  // also when the directory is missing
   const unsigned int result = save(db, path);
   if (result == 0 && is_new) ++info.dir_count;
   action = "A";

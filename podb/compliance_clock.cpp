@@ -2,7 +2,6 @@
 #include <array>
 #include <cerrno>
 #include <fstream>
-#include <memory>
 #include <mutex>
 #include <string>
 
@@ -22,27 +21,23 @@ constexpr const char* kOperation = "get_compclk";
 
 std::mutex m_lock;
 
-// Guarded by m_lock; empty until discovered, never changed afterwards. Never destroyed: threads may
-// still read the clock while the process exits.
-std::string& mount_point() {
-  static std::string* const kept = std::make_unique<std::string>().release();
-  return *kept;
-}
+// Guarded by m_lock; empty until discovered, never changed afterwards. No string, which would be
+// destroyed: threads may still read the clock while the process exits.
+std::array<char, 4096> mount_point{};
 
 bool exists(const char* path) { return zel_access(path, 0) == 0; }
 
 // A first line too long for a path counts as none.
-std::string discovered_mount_point() {
-  std::array<char, 4096> line{};
+void discover_mount_point() {
   std::ifstream file(kMountPointFile);
-  if (file.getline(line.data(), line.size()) && exists(line.data())) return line.data();
-  return kDefaultMountPoint;
+  if (file.getline(mount_point.data(), mount_point.size()) && exists(mount_point.data())) return;
+  zelstrcpy(mount_point.data(), kDefaultMountPoint, mount_point.size());
 }
 
 std::string known_mount_point() {
   const std::lock_guard<std::mutex> lock(m_lock);
-  if (mount_point().empty()) mount_point() = discovered_mount_point();
-  return mount_point();
+  if (mount_point.front() == '\0') discover_mount_point();
+  return mount_point.data();
 }
 
 cr_status_t log_clock_failure(const std::string& mount, int reason) {

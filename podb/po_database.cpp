@@ -68,13 +68,11 @@ cr_status_t SQLitePODB::po_database::on_db_createtable() {
 
 cr_status_t SQLitePODB::po_database::create_tables() {
   const std::string collation = OSIsCaseSensitive() ? "" : "COLLATE NOCASE";
-  const std::string statements[] = {
-      "CREATE TABLE IF NOT EXISTS po (    basename TEXT " + collation +
-          " PRIMARY KEY,    poid TEXT,    content TEXT,    crc INT)",
-      "CREATE INDEX IF NOT EXISTS po_poid ON po(poid)",
-      "CREATE TABLE IF NOT EXISTS registry (    name TEXT PRIMARY KEY,    value TEXT)",
-  };
-  for (const std::string& statement : statements) {
+  const std::string entries = "CREATE TABLE IF NOT EXISTS po (    basename TEXT " + collation +
+                              " PRIMARY KEY,    poid TEXT,    content TEXT,    crc INT)";
+  for (const char* const statement :
+       {entries.c_str(), "CREATE INDEX IF NOT EXISTS po_poid ON po(poid)",
+        "CREATE TABLE IF NOT EXISTS registry (    name TEXT PRIMARY KEY,    value TEXT)"}) {
     const cr_status_t status = exec(statement, nullptr);
     if (status != CR_STATUS_OK) return status;
   }

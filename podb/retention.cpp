@@ -91,7 +91,8 @@ cr_status_t set_lock(_po_t* record, unsigned long flags, long period, const std:
 
 bool is_name_of(const _po_t* record, const std::string& basename) {
   const std::string leaf = text_or_empty(POGetBasename(record));
-  return OSIsCaseSensitive() ? leaf == basename : boost::algorithm::iequals(leaf, basename);
+  if (OSIsCaseSensitive()) return leaf == basename;
+  return boost::algorithm::iequals(leaf, basename);
 }
 
 // Reading locates an entry by its path, and below a catalog's root there is none for files: written

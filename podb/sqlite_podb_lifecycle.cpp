@@ -27,10 +27,12 @@ class HalfOpenGuard {
   sqlitedb::sqlite3_wrapper& connection_;
 };
 
-template <typename Opening>
-cr_status_t opening(const char* operation, const std::string& file, Opening open) {
+using Opening = cr_status_t (sqlitedb::sqlite3_wrapper::*)();
+
+cr_status_t opened_by(Opening open, const char* operation, const std::string& file,
+                      sqlitedb::sqlite3_wrapper& connection) {
   try {
-    return open();
+    return (connection.*open)();
   } catch (const sqlitedb::db_exception& caught) {
     ErrorA(caught.cr_status(), "%s: Failed to open sqlite3 database %s [%d]: %s", operation,
            file.c_str(), caught.errcode(), caught.what());
@@ -64,12 +66,12 @@ std::string SQLitePODB::get_dbfile_path() { return dbfile_path; }
 std::string SQLitePODB::get_db_dir() { return db_dir; }
 
 cr_status_t SQLitePODB::open() {
-  return opening("open", dbfile_path, [this] { return db->open_db(); });
+  return opened_by(&po_database::open_db, "open", dbfile_path, *db);
 }
 
 cr_status_t SQLitePODB::checkopen() {
   const boost::unique_lock<boost::mutex> lock(mutex);
-  return opening("checkopen", dbfile_path, [this] { return db->checkopen(); });
+  return opened_by(&po_database::checkopen, "checkopen", dbfile_path, *db);
 }
 
 cr_status_t SQLitePODB::check_db_existence(bool create) {
@@ -160,10 +162,9 @@ bool SQLitePODB::db_integrity_OK() {
 
 cr_status_t SQLitePODB::drop_db_if_empty() {
   if (check_db_existence(false) != CR_STATUS_OK) return CR_STATUS_NOT_FOUND;
-  unsigned long has_rows = 0;
-  QueryContext context(this, QUERY_COUNT, &has_rows);
-  const cr_status_t status = exec_sql("SELECT EXISTS (SELECT * FROM po)", &context);
-  if (status != CR_STATUS_OK || context.rows != 1 || has_rows != 0) return CR_STATUS_NOT_EMPTY;
+  unsigned long has_rows = 1;  // unless the answer says otherwise
+  const cr_status_t status = count_query("SELECT EXISTS (SELECT * FROM po)", &has_rows);
+  if (status != CR_STATUS_OK || has_rows != 0) return CR_STATUS_NOT_EMPTY;
   // Rows that only seem to be gone would be lost for good.
   return db_integrity_OK() ? db->drop_db() : CR_STATUS_NOT_EMPTY;
 }

@@ -34,26 +34,23 @@ TEST_F(Store, keeps_rows_in_the_form_they_always_had) {
 
 // A leftover of a crash is no database; a foreign file is damaged, not empty.
 TEST_F(Store, is_made_by_writes_alone_and_an_unusable_one_is_neither_read_nor_replaced) {
-  const struct {
-    const char* content;
-    cr_status_t write, read, listing, drop;
-  } cases[] = {{nullptr, 2, 2, 0, 2}, {"", 32, 2, 0, 2}, {"this is no database", 67, 67, 67, 119}};
+  const std::tuple<const char*, cr_status_t, cr_status_t, cr_status_t, cr_status_t> cases[] = {
+      {nullptr, 2, 2, 0, 2}, {"", 32, 2, 0, 2}, {"this is no database", 67, 67, 67, 119}};
   POQueue found;
   Names names;
   std::set<std::string> poids = {"p"};
   unsigned long n = 0;
-  for (const auto& c : cases) {
-    if (c.content != nullptr) write_file(file, c.content);
-    EXPECT_EQ(c.content != nullptr ? put("f") + db.begin_transaction() : 2 * db.del("f"),
-              2 * c.write);
-    EXPECT_EQ(db.count(&n) + db.find_by_cursor("", &names, 0), 2 * c.read);
-    EXPECT_EQ(db.double_check(&poids, &found, &poids, &n), c.content != nullptr ? c.write : 0);
+  for (const auto& [content, write, read, listing, drop] : cases) {
+    if (content != nullptr) write_file(file, content);
+    EXPECT_EQ(content != nullptr ? put("f") + db.begin_transaction() : 2 * db.del("f"), 2 * write);
+    EXPECT_EQ(db.count(&n) + db.find_by_cursor("", &names, 0) + db.get_basenames(&names), 3 * read);
+    EXPECT_EQ(db.double_check(&poids, &found, &poids, &n), content != nullptr ? write : 0);
     EXPECT_FALSE(db.exists("f") || db.potable_exists() || db.backupid_exists("f"));
-    EXPECT_EQ(get("f"), c.read);
-    EXPECT_EQ(*__cr_errno_location(), c.write);
-    EXPECT_EQ(db.find_by_pattern("*", &found, false), c.listing);
-    EXPECT_EQ(db.drop_db_if_empty(), c.drop);
-    EXPECT_EQ(read_file(file), c.content != nullptr ? c.content : "");
+    EXPECT_EQ(get("f"), read);
+    EXPECT_EQ(*__cr_errno_location(), write);
+    EXPECT_EQ(db.find_by_pattern("*", &found, false), listing);
+    EXPECT_EQ(db.drop_db_if_empty(), drop);
+    EXPECT_EQ(read_file(file), content != nullptr ? content : "");
   }
   log.clear();
 }
@@ -111,44 +108,83 @@ TEST_F(Store, leaves_damaged_rows_out_of_listings_and_keeps_what_they_may_use) {
   log.clear();
 }
 
+TEST_F(Store, trusts_no_damaged_schema_or_index) {
+  const std::string edit = "PRAGMA writable_schema = 1; ";
+  std::string value;
+  EXPECT_EQ(db.get_property("f", &value) + db.set_property("f", "") + db.exec_sql("", nullptr), 6);
+  EXPECT_EQ(put("f "), CR_STATUS_OK);
+  sql(edit + "UPDATE sqlite_master SET sql = replace(sql, 'TEXT  P', 'TEXT COLLATE RTRIM P')");
+  db.close_db(0), log.clear();
+  EXPECT_EQ(get("f") + *__cr_errno_location(), 2 * CR_STATUS_CORRUPT);
+  log.expect_error(CR_STATUS_CORRUPT, "The index of names leads f to the row of f ");
+  sql("DELETE FROM po;" + edit + "DELETE FROM sqlite_master WHERE name = 'po_poid'");
+  db.close_db(0);
+  EXPECT_EQ(db.drop_db_if_empty(), CR_STATUS_NOT_EMPTY) << "its rows may only seem to be gone";
+  log.clear();
+}
+
 TEST_F(Store, finds_by_pattern_as_file_names_are_compared) {
-  const struct {
-    bool sensitive;
-    std::string pattern, condition;
-    Names found;
-  } cases[] = {{true, "a*", "GLOB 'a*'", {"aXb", "a_b"}},
-               {false, "a*_B", "LIKE 'a%\\_B' ESCAPE '\\'", {"a_b"}},
-               {false, "1a?%", "LIKE '1a?\\%' ESCAPE '\\'", {}}};
-  for (const auto& c : cases) {
-    start_afresh(c.sensitive);
+  const std::tuple<bool, std::string, std::string, Names> cases[] = {
+      {true, "a*", "GLOB 'a*'", {"aXb", "a_b"}},
+      {false, "a*_B", "LIKE 'a%\\_B' ESCAPE '\\'", {"a_b"}},
+      {false, std::string("a*\0b", 4), "LIKE 'a%' ESCAPE '\\'", {"a_b", "aXb"}},
+      {false, "1a?%", "LIKE '1a?\\%' ESCAPE '\\'", {}}};
+  for (const auto& [sensitive, pattern, condition, entries] : cases) {
+    start_afresh(sensitive);
     EXPECT_EQ(put("1000") + put("100%") + put("aXb") + put("a_b"), CR_STATUS_OK);
     POQueue found;
-    EXPECT_EQ(db.find_by_pattern(c.pattern, &found, !c.sensitive), CR_STATUS_OK);
-    EXPECT_EQ(names_of(found), c.found) << c.pattern;
+    EXPECT_EQ(db.find_by_pattern(pattern, &found, !sensitive), CR_STATUS_OK);
+    EXPECT_EQ(names_of(found), entries) << pattern;
     EXPECT_EQ(db.statements.back(), "SELECT basename, poid, content, crc FROM po WHERE basename " +
-                                        c.condition + "  ORDER BY basename ASC ");
+                                        condition + "  ORDER BY basename ASC ");
   }
 }
 
 TEST_F(Store, refuses_missing_arguments_and_selects_as_it_is_told) {
-  POQueue queue;
+  POQueue q;
   Names names;
   std::set<std::string> set;
+  unsigned long n = 0;
   EXPECT_EQ(db.put(nullptr) + db.get("f", nullptr) + db.count(nullptr) + put(""), 4 * 9);
   EXPECT_EQ(db.select({}, nullptr, nullptr) + db.find_by_cursor("", nullptr, 0), 2 * 9);
-  EXPECT_EQ(db.process_by_pattern("*", nullptr) + db.double_check(&set, &queue, &set, nullptr), 18);
+  EXPECT_EQ(db.process_by_pattern("*", nullptr) + db.get_property("", nullptr), 18);
+  EXPECT_EQ(db.double_check(nullptr, &q, &set, &n) + db.double_check(&set, nullptr, &set, &n), 18);
+  EXPECT_EQ(db.double_check(&set, &q, nullptr, &n) + db.double_check(&set, &q, &set, nullptr), 18);
+  tolvfs_worm_info_t info{};
+  EXPECT_EQ(db.PODB::get("", nullptr) + db.PODB::del("", "") + db.PODB::get_retention("", info) +
+                db.PODB::process_by_pattern("", nullptr) + db.PODB::set_retention("", 0, 0) +
+                db.PODB::immutable_catalog_query("", nullptr, true) +
+                db.PODB::select({}, nullptr, nullptr),
+            7 * CR_STATUS_NOT_PROVIDED);
+  EXPECT_EQ(db.PODB::drop_db_if_empty() + db.PODB::close_db(0), CR_STATUS_NOT_EMPTY);
+  EXPECT_EQ(db.PODB::get_dbfile_path() + db.PODB::get_db_dir(), "");
+  EXPECT_EQ(db.get_podb_ops().reads + db.get_uldb_ops().reads + db.PODB::db_integrity_OK(), 0U);
   EXPECT_EQ(put("e") + put("f") + put("g") + db.set_property("it's", "'1'"), CR_STATUS_OK);
   std::string value;
   EXPECT_EQ(db.get_property("none", &value) + db.get_property("it's", &value), CR_STATUS_NOT_FOUND);
   EXPECT_EQ(db.rollback_transaction() + db.open() + db.checkopen(), CR_STATUS_OK);
   EXPECT_EQ(db.select_basenames(&names, "crc > 0", ORDER_DESCENDING, 2), CR_STATUS_OK);
   EXPECT_EQ(db.find_by_cursor("e", &names, 1) + db.del(Names{"e", "absent"}), CR_STATUS_OK);
+  EXPECT_EQ(db.select_basenames(&names, "0; SELECT 1, 2 --", ORDER_ASCENDING, 0), 4) << "2 columns";
+  EXPECT_EQ(db.del(Names{}), CR_STATUS_NOT_FOUND);
   EXPECT_EQ(names, (Names{"g", "f", "f", "g"}));
-  EXPECT_TRUE(db.exists("f") && db.backupid_exists("f") && db.potable_exists());
+  EXPECT_TRUE(db.exists("f") && db.backupid_exists("f") && !db.backupid_exists("x") &&
+              db.potable_exists());
   refhost::set_case_sensitive(false);
-  EXPECT_EQ(db.find_by_pattern(std::string(2049, '_'), &queue, true), CR_STATUS_FAILED);
+  EXPECT_EQ(db.find_by_pattern(std::string(2049, '_'), &q, true), CR_STATUS_FAILED);
   log.clear();
 }
+
+// Its databases cannot be closed; of a directory "none" there is none.
+struct StuckFactory : PODBFactory {
+  struct Stuck : SQLitePODB {
+    using SQLitePODB::SQLitePODB;
+    cr_status_t close_db(unsigned int) override { return CR_STATUS_BUSY; }
+  };
+  std::shared_ptr<PODB> create_podb(const std::string& root, const std::string& dir) override {
+    return getbasename(dir) == "none" ? nullptr : std::make_shared<Stuck>(root, dir);
+  }
+};
 
 constexpr hrtime_t kIdle = 301'000'000'000;
 
@@ -193,6 +229,15 @@ TEST_F(PodbPool, tells_of_a_store_that_fails) {
   EXPECT_EQ(pool.commit_all() + pool.close_podb(root.path("c"), 0) + pool.close_all(),
             CR_STATUS_FAILED);
   log.clear();
+  PODBPool other(1);
+  EXPECT_THROW(other.exists_po(root.path("none/f")), std::logic_error);
+  other.init(root.path(), new StuckFactory);
+  EXPECT_FALSE(other.exists_po(root.path("none/f")));
+  EXPECT_EQ(*__cr_errno_location(), CR_STATUS_FAILED);
+  EXPECT_EQ(other.close_all() + other.commit_all() + other.close_podb(root.path("none"), 0), 0);
+  EXPECT_FALSE(other.exists_po(root.path("c/f")));
+  EXPECT_EQ(other.close_all() + other.close_podb(root.path("d"), 0), CR_STATUS_BUSY);
+  log.expect_error(CR_STATUS_BUSY, "Failed to close database " + root.path("c"));
 }
 
 // Writers take turns at a directory, which has two spellings; the pool, at the directories of

@@ -45,34 +45,32 @@ class Retention : public StoreTest {
 TEST_F(Retention, AddsFlagsRaisesTheLockOnlyAndReportsTimesRelativeToTheClock) {
   constexpr std::uint32_t kLocked = SF_RETENTION_LOCK, kBoth = SF_RETENTION_LOCK | SF_IMMUTABLE;
   constexpr std::uint32_t kCloud = kBoth | SF_CLOUDLSU;
-  const struct {
-    long clock, period;
-    unsigned long flags, special_flags, atime;
-    std::int64_t ctime_offset, remaining;
-    std::uint32_t reported;
-    cr_status_t status;
-  } cases[] = {
-      {5000, 500, 0, 0, 1077, 0, 0, 0, 0},
-      {5000, 100, RETENTION_LOCK, kLocked, 5100, -4000, 100, WORM_LOCKED, 0},
-      {5000, 99, RETENTION_LOCK | RETENTION_IMMUTABLE, kLocked, 5100, -4000, 100, WORM_LOCKED,
-       CR_STATUS_LOCK_LOWERED},
-      {5001, 99, RETENTION_LOCK, kLocked, 5100, -4001, 99, WORM_LOCKED, 0},
-      {5001, 0, RETENTION_IMMUTABLE, kBoth, 5100, -4001, 99, WORM_LOCKED | WORM_IMMUTABLE, 0},
-      {1, 10, RETENTION_LOCK | RETENTION_CLOUD, kCloud, 1010, 0, 0, WORM_IMMUTABLE, 0}};
+  // Clock, period and flags; flags and lock of the entry, offset of its times, what is reported.
+  const std::tuple<long, long, unsigned long, std::uint32_t, unsigned long, std::int64_t,
+                   std::int64_t, std::uint32_t, cr_status_t>
+      cases[] = {
+          {5000, 500, 0, 0, 1077, 0, 0, 0, 0},
+          {5000, 100, RETENTION_LOCK, kLocked, 5100, -4000, 100, WORM_LOCKED, 0},
+          {5000, 99, RETENTION_LOCK | RETENTION_IMMUTABLE, kLocked, 5100, -4000, 100, WORM_LOCKED,
+           CR_STATUS_LOCK_LOWERED},
+          {5001, 99, RETENTION_LOCK, kLocked, 5100, -4001, 99, WORM_LOCKED, 0},
+          {5001, 0, RETENTION_IMMUTABLE, kBoth, 5100, -4001, 99, WORM_LOCKED | WORM_IMMUTABLE, 0},
+          {1, 10, RETENTION_LOCK | RETENTION_CLOUD, kCloud, 1010, 0, 0, WORM_IMMUTABLE, 0}};
   store(1077);
   refhost::set_log_level(refhost::LogLevel::Trace);
-  for (const auto& c : cases) {
-    fake_clock = c.clock;
-    EXPECT_EQ(db.set_retention("img", c.flags, c.period), c.status);
+  for (const auto& [clock, period, flags, special, atime, ctime, remaining, reported, status] :
+       cases) {
+    fake_clock = clock;
+    EXPECT_EQ(db.set_retention("img", flags, period), status);
     FilePO entry(0);
     EXPECT_EQ(db.get("img", &entry), CR_STATUS_OK);
-    EXPECT_EQ(POGetAtime(entry.record()), c.atime);
-    EXPECT_EQ(POGetSpecialFlags(entry.record()), c.special_flags);
+    EXPECT_EQ(POGetAtime(entry.record()), atime);
+    EXPECT_EQ(POGetSpecialFlags(entry.record()), special);
     const tolvfs_worm_info_t found = info();
-    EXPECT_EQ(found.ctime_offset, c.ctime_offset);
-    EXPECT_EQ(found.ctime_offset_again, c.ctime_offset);
-    EXPECT_EQ(found.lock_remaining, c.remaining);
-    EXPECT_EQ(found.worm_flags, c.reported);
+    EXPECT_EQ(found.ctime_offset, ctime);
+    EXPECT_EQ(found.ctime_offset_again, ctime);
+    EXPECT_EQ(found.lock_remaining, remaining);
+    EXPECT_EQ(found.worm_flags, reported);
   }
   log.expect(
       refhost::LogLevel::Trace, CR_STATUS_NONE,
@@ -85,7 +83,7 @@ TEST_F(Retention, AddsFlagsRaisesTheLockOnlyAndReportsTimesRelativeToTheClock) {
 }
 
 TEST_F(Retention, InventsNoEntry) {
-  SQLitePODB top(root.path(), root.path());
+  SQLitePODB top(boost::filesystem::path(root.path()), boost::filesystem::path(root.path()));
   EXPECT_EQ(top.put(std::make_unique<FilePO>(file_text("img")).get()), CR_STATUS_OK);
   EXPECT_EQ(top.set_retention("img", RETENTION_IMMUTABLE, 0), CR_STATUS_NO_LOCATION);
   EXPECT_EQ(raw_sql(root.path("po.db"), "SELECT basename FROM po"), RawRows{{"img"}});
@@ -95,8 +93,9 @@ TEST_F(Retention, InventsNoEntry) {
   log.expect_error(CR_STATUS_NOT_FOUND, "set_retention: get po failed for img");
   EXPECT_EQ(info(CR_STATUS_NOT_FOUND).worm_flags, 0U);
   log.expect_error(CR_STATUS_NOT_FOUND, "get_retention: get po failed for img");
-  store(9999);
+  store(~std::uint64_t{0});
   EXPECT_EQ(db.set_retention("IMG", RETENTION_IMMUTABLE, 0), CR_STATUS_OK);
+  EXPECT_EQ(info().lock_remaining, std::numeric_limits<std::int64_t>::max());
   EXPECT_EQ(info().worm_flags, WORM_IMMUTABLE) << "its time is in the future, but it is no lock";
   EXPECT_EQ(sql("SELECT basename FROM po"), RawRows{{"img"}});
 }
@@ -132,8 +131,7 @@ TEST_F(Retention, NeedsTheClockOfTheMountPointForLocksAndTheirReports) {
   const struct {
     std::string mount_file;  // what names the mount point
     const char* made;        // a directory that exists
-    cr_status_t status;
-    int reason;
+    cr_status_t status, reason;
     const char* line;
   } cases[] = {{"/opt/m\nrest", "/opt/m", CR_STATUS_OK, 0, ""},
                {"/opt/gone\n", "/opt/halyard/arbor-manage/worm", CR_STATUS_OK, 0, ""},
