@@ -1,6 +1,5 @@
 #include "tests/crash/disk.h"
 
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -9,12 +8,9 @@
 #include <algorithm>
 #include <fstream>
 
-namespace {
+#include "tests/support/next.h"
 
-template <typename Function>
-Function* real(const char* name, Function*) {
-  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
+namespace {
 
 template <typename Result>
 Result after_change(Result result) {
@@ -95,13 +91,13 @@ Disk::Files Disk::now() const {
 extern "C" {
 
 ssize_t pwrite64(int fd, const void* bytes, size_t size, off64_t offset) {
-  static const auto real_one = real("pwrite64", &pwrite64);
-  return after_change(real_one(fd, bytes, size, offset));
+  static const auto real = next(__func__, &pwrite64);
+  return after_change(real(fd, bytes, size, offset));
 }
 
 int unlink(const char* path) noexcept {
-  static const auto real_one = real("unlink", &unlink);
-  return after_change(real_one(path));
+  static const auto real = next(__func__, &unlink);
+  return after_change(real(path));
 }
 
 int fdatasync(int fd) {

@@ -1,12 +1,9 @@
 // A catalog on a disk that knows what was synced. One thread's.
 #pragma once
 
-#include <sys/types.h>
-
 #include <functional>
 #include <map>
 #include <random>
-#include <string>
 
 #include "tests/support/temp_dir.h"
 

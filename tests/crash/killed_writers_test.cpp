@@ -1,14 +1,10 @@
 // Writers are killed at random moments, and readers while they recover what the writers left.
-#include <gtest/gtest.h>
 
-#include <atomic>
 #include <random>
 #include <thread>
 
 #include "tests/crash/lane.h"
 #include "tests/support/child_process.h"
-#include "tests/support/intact.h"
-#include "tests/support/temp_dir.h"
 
 namespace {
 
@@ -20,11 +16,10 @@ struct Marks {
   std::atomic<unsigned long> begun, acknowledged;
 };
 
-class KilledWriters : public testing::Test {
+class KilledWriters : public Lane {
  protected:
   // Dishonest writers acknowledge what they have not stored yet, and store it by and by.
   void play(unsigned long rounds, bool honest) {
-    work_in_memory();
     for (unsigned long round = 0; round < rounds; ++round) {
       if (round % 50 == 0) start_afresh();
       let_write(honest);
@@ -41,9 +36,9 @@ class KilledWriters : public testing::Test {
 
  private:
   void start_afresh() {
-    root_ = std::make_unique<TempDir>();
-    SQLitePODB po(root_->path(), directory());
-    SQLiteULDB ul(directory(), 0);
+    std::filesystem::remove_all(directory_);
+    SQLitePODB po(root_.path(), directory_);
+    SQLiteULDB ul(directory_, 0);
     store(po, kTotal, 0), store(ul, kTotal, 0);
     for (unsigned int i = 0; i < kWriters; ++i) marks_[i].begun = marks_[i].acknowledged = 0;
   }
@@ -67,8 +62,8 @@ class KilledWriters : public testing::Test {
   int write(unsigned int writer, bool honest) {
     const std::string name = std::to_string(writer);
     Marks& mine = marks_[writer];
-    SQLitePODB po(root_->path(), directory());
-    SQLiteULDB ul(directory(), 0);
+    SQLitePODB po(root_.path(), directory_);
+    SQLiteULDB ul(directory_, 0);
     for (;;) {
       if (honest) must(po.begin_transaction());
       const unsigned long value = mine.begun = load(po, name) + 1;
@@ -82,9 +77,9 @@ class KilledWriters : public testing::Test {
   }
 
   void judge() try {
-    must(intact::faults_of(directory()).empty() ? CR_STATUS_OK : CR_STATUS_CORRUPT);
-    SQLitePODB po(root_->path(), directory());
-    SQLiteULDB ul(directory(), 0);
+    must(intact::faults_of(directory_).empty() ? CR_STATUS_OK : CR_STATUS_CORRUPT);
+    SQLitePODB po(root_.path(), directory_);
+    SQLiteULDB ul(directory_, 0);
     unsigned long sum = 0;
     for (unsigned int writer = 0; writer < kWriters; ++writer) {
       const std::string name = std::to_string(writer);
@@ -110,9 +105,6 @@ class KilledWriters : public testing::Test {
     return WIFSIGNALED(status);
   }
 
-  std::string directory() const { return root_->path("5/c/p"); }
-
-  std::unique_ptr<TempDir> root_;
   Marks* const marks_ = shared<Marks>(kWriters);
   std::mt19937 random_{20261121};
   int killed_writers_ = 0, killed_readers_ = 0;

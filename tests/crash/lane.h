@@ -1,18 +1,16 @@
 // What the harnesses share: how much they do, where, and rows and lists that are numbers.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <cstdlib>
-#include <new>
 #include <numeric>
 
 #include "po/file_po.h"
-#include "podb/sqlite_podb.h"
 #include "refhost/control.h"
-#include "tests/support/records.h"
-#include "uldb/sqlite_uldb.h"
+#include "tests/support/intact.h"
+#include "tests/support/temp_dir.h"
 
 // The value of an environment variable, for long runs, or what is usual.
 inline unsigned long sized(const char* variable, unsigned long usual) {
@@ -27,6 +25,15 @@ inline bool work_in_memory() {
   constexpr const char* kMemory = "/dev/shm";
   return access(kMemory, W_OK) == 0 && setenv("TMPDIR", kMemory, 0) == 0;
 }
+
+// A catalog directory to be hurt.
+class Lane : public testing::Test {
+ protected:
+  const bool in_memory_ = work_in_memory();
+  const TempDir root_;
+  const std::string directory_ = root_.path("5/c/p");
+  const bool made_ = std::filesystem::create_directories(directory_);
+};
 
 // Zeros that child processes write to as well, until the end of the program.
 template <typename Number>

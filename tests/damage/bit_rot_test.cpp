@@ -1,16 +1,14 @@
 // Every bit of a database turned over, and pages lost, zeroed, exchanged and out of date: nobody
 // may get to see what was never stored, and no row may have changed unnoticed.
 #include <fcntl.h>
-#include <gtest/gtest.h>
 
 #include "tests/damage/subjects.h"
-#include "tests/support/files.h"
 
 namespace {
 
 constexpr std::size_t kPage = 4096;
 
-class Damage : public testing::TestWithParam<bool> {
+class Damage : public Lane, public testing::WithParamInterface<bool> {
  protected:
   void SetUp() override {
     refhost::set_log_level(refhost::LogLevel::Error);
@@ -23,12 +21,11 @@ class Damage : public testing::TestWithParam<bool> {
     put(damaged);
     const Answers answers = subject_->ask(rows_near(offset));
     put(damaged);  // some answers change the file
-    const bool wrong = !answers.wrong.empty();
-    const bool harmless = !answers.noticed && !answers.differs && !wrong;
+    const bool harmless = !answers.noticed && !answers.differs && !answers.wrong;
     const bool unreported = !harmless && !verify_finds_faults(subject_->root_.path());
-    ++images_;
-    noticed_ += answers.noticed, harmless_ += harmless, wrong_ += wrong, unreported_ += unreported;
-    if (unreported || wrong) places_ += " " + std::to_string(offset);
+    ++images_, noticed_ += answers.noticed, harmless_ += harmless;
+    wrong_ += answers.wrong, unreported_ += unreported;
+    if (unreported || answers.wrong) places_ += " " + std::to_string(offset);
   }
 
   void print(const char* what) const {
@@ -39,7 +36,6 @@ class Damage : public testing::TestWithParam<bool> {
         harmless_, wrong_, unreported_);
   }
 
-  const bool in_memory_ = work_in_memory();
   const std::unique_ptr<Subject> subject_ =
       GetParam() ? std::unique_ptr<Subject>(new PoSubject) : std::make_unique<UlSubject>();
   const std::string image_ = read_file(subject_->file_);
@@ -84,12 +80,10 @@ TEST_P(Damage, of_pages_gives_the_true_answer_or_a_failure) {
   for (std::size_t at = 0; at < image_.size(); at += kPage) {
     examine(image_.substr(0, at), at);
     examine(image_.substr(0, at + kPage / 2), at);
-    std::string zeroed = image_;
-    examine(zeroed.replace(at, kPage, kPage, '\0'), at);
+    examine(std::string(image_).replace(at, kPage, kPage, '\0'), at);
     const std::size_t other = (at + 3 * kPage) % image_.size();
-    std::string swapped = image_;
-    swapped.replace(at, kPage, image_, other, kPage);
-    examine(swapped.replace(other, kPage, image_, at, kPage), at);
+    const std::string twice = std::string(image_).replace(at, kPage, image_, other, kPage);
+    examine(std::string(twice).replace(other, kPage, image_, at, kPage), at);
   }
   print("pages");
   EXPECT_EQ(wrong_ + unreported_, 0U) << places_;
@@ -101,8 +95,7 @@ TEST_P(Damage, of_pages_from_another_time_is_found_by_verify_when_not_all_are_ch
   subject_->fill(1000);
   const std::string other = read_file(subject_->file_);
   for (std::size_t at = 0; at < std::min(image_.size(), other.size()); at += kPage) {
-    std::string mixed = image_;
-    examine(mixed.replace(at, kPage, other, at, kPage), at);
+    examine(std::string(image_).replace(at, kPage, other, at, kPage), at);
   }
   EXPECT_EQ(unreported_, 0U) << places_;
   const std::size_t wrong_before = wrong_;

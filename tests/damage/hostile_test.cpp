@@ -1,17 +1,10 @@
 // Files made to hurt in the places of po.db and ul.db: every operation answers with a status that
 // its callers know, soon, and without much memory.
-#include <gtest/gtest.h>
-#include <sqlite3.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <ctime>
-#include <filesystem>
-#include <fstream>
-#include <functional>
 
 #include "tests/damage/subjects.h"
-#include "tests/support/files.h"
 
 namespace {
 
@@ -163,14 +156,7 @@ Statuses use_everything(const std::string& root, const std::string& dir) {
   return all;
 }
 
-class HostileFiles : public testing::Test {
- protected:
-  void SetUp() override { fs::create_directories(dir_); }
-
-  const bool in_memory_ = work_in_memory();
-  const TempDir root_;
-  const std::string dir_ = root_.path("5/c/p");
-};
+using HostileFiles = Lane;
 
 TEST_F(HostileFiles, get_a_specified_answer_soon_and_with_little_memory) {
   double slowest = 0;
@@ -181,13 +167,13 @@ TEST_F(HostileFiles, get_a_specified_answer_soon_and_with_little_memory) {
   for (std::size_t i = 0; i < files.size(); ++i) {
     for (const std::string name : {"/po.db", "/ul.db"}) {
       SCOPED_TRACE(testing::Message() << "file " << i << " as " << name);
-      fs::remove_all(dir_);
-      fs::create_directories(dir_);
-      files[i](dir_ + name);
+      fs::remove_all(directory_);
+      fs::create_directories(directory_);
+      files[i](directory_ + name);
       sqlite3_memory_highwater(1);
       const std::clock_t start = std::clock();  // of the processor: others may keep it busy
       verify_finds_faults(root_.path());
-      const Statuses statuses = use_everything(root_.path(), dir_);
+      const Statuses statuses = use_everything(root_.path(), directory_);
       slowest = std::max(slowest, static_cast<double>(std::clock() - start) / CLOCKS_PER_SEC);
       most = std::max(most, sqlite3_memory_highwater(0));
       for (const cr_status_t status : statuses) EXPECT_EQ(kSpecified.count(status), 1U) << status;
@@ -201,7 +187,7 @@ TEST_F(HostileFiles, get_a_specified_answer_soon_and_with_little_memory) {
 
 // A single bit can make a table of one row look empty.
 TEST_F(HostileFiles, are_not_dropped_for_being_empty_when_they_only_seem_to_be) {
-  SQLitePODB db(root_.path(), dir_);
+  SQLitePODB db(root_.path(), directory_);
   store(db, "a", 1);
   must(db.close_db(0));
   std::fstream(db.get_dbfile_path(), std::ios::in | std::ios::out).seekp(4096 + 4) << '\0';
@@ -211,9 +197,9 @@ TEST_F(HostileFiles, are_not_dropped_for_being_empty_when_they_only_seem_to_be) 
 // The same file hurts those who do not defend themselves.
 TEST_F(HostileFiles, would_work_on_another_connection) {
   const char* const view = "CREATE VIEW po AS SELECT 'a' AS basename; SELECT * FROM po";
-  EXPECT_EQ(run_sql(dir_ + "/po.db", view), SQLITE_OK);
+  EXPECT_EQ(run_sql(directory_ + "/po.db", view), SQLITE_OK);
   std::vector<std::string> names;
-  EXPECT_EQ(SQLitePODB(root_.path(), dir_).find_by_cursor("", &names, 0), CR_STATUS_FAILED);
+  EXPECT_EQ(SQLitePODB(root_.path(), directory_).find_by_cursor("", &names, 0), CR_STATUS_FAILED);
 }
 
 }  // namespace

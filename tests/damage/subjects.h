@@ -2,12 +2,11 @@
 #pragma once
 
 #include <map>
-#include <set>
 #include <sstream>
 
 #include "cli/verify_database.h"
 #include "tests/crash/lane.h"
-#include "tests/support/temp_dir.h"
+#include "tests/support/files.h"
 
 constexpr std::size_t kRows = 64;  // tables and indexes of several pages each
 constexpr std::size_t kFirstKey = 100000;
@@ -15,7 +14,7 @@ constexpr std::size_t kFirstKey = 100000;
 struct Answers {
   bool noticed = false;  // an operation failed or logged an error
   bool differs = false;  // something was missing, or is not stored
-  std::string wrong;     // an entry or a list that was not the true one
+  bool wrong = false;    // an entry or a list was not the true one
 };
 
 class Subject {
@@ -37,6 +36,7 @@ class Subject {
 
   const TempDir root_ = TempDir();
   const std::string dir_ = root_.path("5/c/p");
+  const bool made_ = std::filesystem::create_directories(dir_);
   const std::string file_;
 
  protected:
@@ -61,7 +61,7 @@ class Subject {
   void compare(const std::string& name, const std::string& content) {
     if (truth_.size() < kRows) truth_.emplace(name, content);
     const auto found = truth_.find(name);
-    if (found == truth_.end() || content != found->second) answers_.wrong = name;
+    answers_.wrong |= found == truth_.end() || content != found->second;
   }
 
   std::map<std::string, std::string> truth_;
@@ -84,21 +84,17 @@ class PoSubject : public Subject {
       note(db.find_by_pattern(pattern, &found, true));
       compare_all(found, kRows);
     }
+    const std::set<std::string> foreign = {make_poid(1)};
+    std::set<std::string> poids = foreign;
     for (const std::size_t row : rows) {
       FilePO entry(5);
       const std::string name = "f" + key_of(row);
       if (note(db.get(name, &entry))) compare(name, text_of(entry.record()));
+      poids.insert(key_of(row));
     }
     std::vector<std::string> names;
     note(db.find_by_cursor("", &names, 0));
     answers_.differs |= names.size() != kRows;
-    double_check(db, rows);
-  }
-
-  void double_check(SQLitePODB& db, const std::set<std::size_t>& rows) {
-    const std::set<std::string> foreign = {make_poid(1)};
-    std::set<std::string> poids = foreign;
-    for (const std::size_t row : rows) poids.insert(key_of(row));
     std::set<std::string> unused = poids;
     POQueue found;
     unsigned long count = 0;
@@ -117,10 +113,7 @@ class PoSubject : public Subject {
 
 class UlSubject : public Subject {
  public:
-  UlSubject() : Subject("/ul.db") {
-    std::filesystem::create_directories(dir_);
-    UlSubject::fill(0);
-  }
+  UlSubject() : Subject("/ul.db") { UlSubject::fill(0); }
 
   void fill(std::size_t number) override { Subject::fill(SQLiteULDB(dir_, 0), "", number); }
 

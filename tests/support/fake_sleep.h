@@ -1,7 +1,6 @@
 // FakeSleep: within its scope ZelSleep returns at once and its seconds are kept.
 #pragma once
 
-#include <functional>
 #include <vector>
 
 #include "refhost/control.h"

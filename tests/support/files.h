@@ -3,9 +3,7 @@
 
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <map>
-#include <string>
 
 inline std::string read_file(const std::string& path) {
   std::ifstream in(path, std::ios::binary);

@@ -2,14 +2,9 @@
 #pragma once
 
 #include <sqlite3.h>
-#include <sys/stat.h>
 
 #include <functional>
-#include <memory>
-#include <string>
-#include <vector>
 
-#include "host/files.h"
 #include "podb/sqlite_podb.h"
 #include "tests/support/records.h"
 #include "uldb/sqlite_uldb.h"

@@ -6,9 +6,7 @@
 
 #include <algorithm>
 #include <mutex>
-#include <string>
 #include <tuple>
-#include <vector>
 
 #include "refhost/control.h"
 

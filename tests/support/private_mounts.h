@@ -6,8 +6,6 @@
 #include <sys/mount.h>
 
 #include <cstdlib>
-#include <string>
-#include <vector>
 
 #include "tests/support/child_process.h"
 

@@ -4,9 +4,6 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
-#include <string>
-#include <vector>
-
 using RawRows = std::vector<std::vector<std::string>>;
 
 // Runs SQL on a connection of its own and returns the rows; a NULL reads "NULL".

@@ -1,10 +1,8 @@
 // Entries for tests: their fields, their text forms, and records that free themselves.
 #pragma once
 
-#include <cstdint>
 #include <cstdlib>
 #include <memory>
-#include <string>
 
 #include "host/po_record.h"
 #include "refhost/record.h"

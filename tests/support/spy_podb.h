@@ -1,9 +1,6 @@
 // SpyPODB: the SQLite store with an ear on its statements.
 #pragma once
 
-#include <string>
-#include <vector>
-
 #include "podb/sqlite_podb.h"
 
 class SpyPODB : public SQLitePODB {

@@ -5,7 +5,6 @@
 
 #include <filesystem>
 #include <stdexcept>
-#include <string>
 #include <system_error>
 
 class TempDir {
