@@ -4,10 +4,8 @@
 #include <fmt/format.h>
 #include <openssl/sha.h>
 
-#include <cstdint>
 #include <map>
-#include <string>
-#include <vector>
+#include <set>
 
 #include "tests/support/raw_database.h"
 
@@ -24,8 +22,7 @@ inline std::string sha256_hex(const std::string& content) {
 }
 
 inline std::uint32_t plain_adler32(const std::string& bytes) {
-  std::uint32_t a = 1;
-  std::uint32_t b = 0;
+  std::uint32_t a = 1, b = 0;
   for (const char byte : bytes) {
     a = (a + static_cast<unsigned char>(byte)) % 65521;
     b = (b + a) % 65521;
@@ -54,17 +51,10 @@ inline std::string list_for(const std::string& content) {
   return hex(bytes);
 }
 
-using Lists = std::map<std::string, std::string>;  // by POID
-
-inline Lists lists_of(const std::string& directory) {
-  Lists lists;
-  const std::string all = "SELECT poid, lower(hex(udcids)) FROM utable";
-  for (const auto& row : raw_sql(directory + "/ul.db", all)) lists[row[0]] = row[1];
-  return lists;
-}
-
-inline Lists lists_for(const std::vector<std::string>& contents) {
-  Lists lists;
-  for (const std::string& content : contents) lists[sha256_hex(content)] = list_for(content);
-  return lists;
+// The lists of a directory are those of these contents.
+inline void expect_lists(const std::string& file, const std::vector<std::string>& contents) {
+  std::set<RawRows::value_type> lists;
+  for (const auto& content : contents) lists.insert({sha256_hex(content), list_for(content)});
+  const std::string all = "SELECT poid, lower(hex(udcids)) FROM utable ORDER BY poid";
+  EXPECT_EQ(raw_sql(file, all), RawRows(lists.begin(), lists.end()));
 }

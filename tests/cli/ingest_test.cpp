@@ -1,7 +1,4 @@
-#include <fmt/format.h>
 #include <sys/stat.h>
-
-#include <set>
 
 #include "tests/cli/independent.h"
 #include "tests/cli/read_fixture.h"
@@ -41,7 +38,7 @@ TEST_F(IngestTest, AnIndependentReaderFindsEveryFileAsItIsAndItsContainers) {
                 (RawRows{{poid, text, std::to_string(crc)}}));
       if (!content.empty()) contents.push_back(content);
     }
-    EXPECT_EQ(lists_of(full(image_) + inner), lists_for(contents));
+    expect_lists(full(image_) + inner + "/ul.db", contents);
     EXPECT_EQ(read_file(full(image_) + inner + "/__dirpo__"),
               record_text(PO_TYPE_DIR, "", source_ + inner));
   }

@@ -35,15 +35,14 @@ TEST_F(KeepTest, AJournalIsAppliedAndWhatWentWrongIsTold) {
       {a + "NO SQL;\n" + b, "", 3, "the last: NO SQL;: near \"NO\": syntax error", "a,b"},
       {"DELETE FROM registry;\n" + a, "--line-by-line", 0, "took 1", "a"},
       {a + "INSERT INTO none VALUES (1);\n" + b, "", 1, "applied: no such table: none", "a"},
-      {a + "DELETE FROM registry", "", 1, "may be cut short", ""},
-      {a + "NO SQL;\n", "--dry-run", 3, "in part", ""},
+      {a + "DELETE FROM registry", "", 1, "may be cut short", "NULL"},
+      {a + "NO SQL;\n", "--dry-run", 3, "in part", "NULL"},
   };
   for (const auto& c : cases) {
     write_file(database(image_), sound);
     write_file(root_ + "/journal", c.journal);
     expect(c.status, apply + c.how, c.message);
-    EXPECT_EQ(sql("SELECT group_concat(name) FROM (SELECT name FROM registry WHERE name < 'd')"),
-              c.properties.empty() ? "NULL" : c.properties);
+    EXPECT_EQ(sql("SELECT group_concat(name) FROM registry WHERE name < 'd'"), c.properties);
   }
   fs::remove(database(image_));
   expect(cli::kFailed, apply, "there is no such database");

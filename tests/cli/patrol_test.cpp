@@ -8,14 +8,6 @@
 
 namespace {
 
-// Patrols are processes of their own: it takes real time until they have done something.
-bool comes_true(const std::function<bool()>& condition) {
-  for (int i = 0; i < 20000; ++i, usleep(2000)) {
-    if (condition()) return true;
-  }
-  return false;
-}
-
 class PatrolTest : public CatalogTest {
  protected:
   // Calls for a patrol, and expects this status and message of the process that was called.
@@ -34,18 +26,21 @@ class PatrolTest : public CatalogTest {
   pid_t started() const {
     fs::remove(metrics_);
     start(cli::kDone);
-    EXPECT_TRUE(comes_true([&] { return is_metric("rounds_total", "1"); })) << log();
+    expect_soon("rounds_total", "1");
     return std::stoi(read_file("/var/run/" + cli::patrol_name(root_) + ".pid"));
   }
   static void end(pid_t pid, int signal) {
-    int status = -1;
     kill(pid, signal);
-    EXPECT_EQ(waitpid(pid, &status, 0), pid);
-    EXPECT_EQ(status, signal == SIGKILL ? SIGKILL : 0);
+    EXPECT_EQ(end_of(pid), signal == SIGKILL ? SIGKILL : 0);
   }
   bool is_metric(const std::string& name, const std::string& value) const {
     const std::string all = read_file(metrics_), labels = "{root=\"" + root_ + "\"} ";
     return all.find("\npocatalog_patrol_" + name + labels + value + "\n") != std::string::npos;
+  }
+  // Patrols are processes of their own: it takes real time until they have done something.
+  void expect_soon(const std::string& name, const std::string& value) const {
+    for (int i = 0; i < 20000 && !is_metric(name, value); ++i) usleep(2000);
+    EXPECT_TRUE(is_metric(name, value)) << log();
   }
   std::string log() const {
     std::string text;
@@ -73,11 +68,11 @@ TEST_F(PatrolTest, FindsWhatChangedByTheNextRoundAndIsOneForEachCatalogHoweverTh
     }
     kill(pid, SIGHUP);
     // Entries, and a list in each directory.
-    EXPECT_TRUE(comes_true([&] { return is_metric("rows", "1006"); })) << log();
+    expect_soon("rows", "1006");
     EXPECT_TRUE(is_metric("damaged_rows", "0") && is_metric("not_examined", "0")) << log();
     sql("UPDATE po SET content = content || '1' WHERE basename = 'img'");
     kill(pid, SIGHUP);
-    EXPECT_TRUE(comes_true([&] { return is_metric("damaged_rows", "1"); })) << log();
+    expect_soon("damaged_rows", "1");
     EXPECT_NE(log().find("row img (rowid"), std::string::npos) << log();
     EXPECT_TRUE(fs::exists(others) && !fs::exists(own));
     end(pid, SIGTERM);

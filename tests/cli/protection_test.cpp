@@ -40,10 +40,8 @@ class ProtectionTest : public CatalogTest {
 };
 
 TEST_F(ProtectionTest, ProtectedEntriesAreLeftAloneAndOthersAreNot) {
-  const struct {
-    std::string command;
-    const char* outcome;  // per state: changed, not changed, or refused with that exit status
-  } operations[] = {
+  // What happens per state: changed, not changed, or refused with that exit status.
+  const std::pair<std::string, const char*> operations[] = {
       {replace_, "yy333"},
       {ingest_of(source_ + "/none") + "--delete", "yy333"},
       {rm_, "yy111"},
@@ -55,11 +53,10 @@ TEST_F(ProtectionTest, ProtectedEntriesAreLeftAloneAndOthersAreNot) {
       {apply_ + " --dry-run --force-locked", "nnnnn"},
       {apply_ + " --force-locked", "yyyyy"},
   };
-  for (const auto& operation : operations) {
-    const char* outcome = operation.outcome;
+  for (auto [command, outcome] : operations) {
     for (const State& state : kStates) {
       const int status = *outcome == 'y' || *outcome == 'n' ? cli::kDone : *outcome - '0';
-      expect_change(state, *outcome++ == 'y', status, operation.command);
+      expect_change(state, *outcome++ == 'y', status, command);
     }
   }
   hooks.clock = false;  // every lock counts

@@ -2,7 +2,6 @@
 // the library.
 #pragma once
 
-#include <functional>
 #include <nlohmann/json.hpp>
 #include <sstream>
 
@@ -30,8 +29,7 @@ inline Hooks hooks;
 
 struct Outcome {
   int status;
-  std::string out;
-  std::string err;
+  std::string out, err;
 
   // The lines of `out`, each a JSON object.
   std::vector<nlohmann::json> json() const {
@@ -47,11 +45,10 @@ inline Outcome command(const std::string& line, const std::vector<std::string>& 
   std::istringstream words("pocatalog " + line);
   std::vector<std::string> arguments{std::istream_iterator<std::string>(words), {}};
   arguments.insert(arguments.end(), more.begin(), more.end());
-  std::vector<const char*> argv(arguments.size());
-  const auto text = [](const std::string& word) { return word == "''" ? "" : word.c_str(); };
-  std::transform(arguments.begin(), arguments.end(), argv.begin(), text);
-  std::ostringstream out;
-  std::ostringstream err;
+  std::vector<const char*> argv;
+  argv.reserve(arguments.size());
+  for (const auto& word : arguments) argv.push_back(word == "''" ? "" : word.c_str());
+  std::ostringstream out, err;
   const int status = cli::run(static_cast<int>(argv.size()), argv.data(), out, err);
   return {status, out.str(), err.str()};
 }
@@ -73,12 +70,11 @@ class CommandTest : public testing::Test {
   const TempDir temp_;
   const std::string root_ = temp_.path("catalog");
   const std::string source_ = temp_.path("source");
+  const bool made_ = fs::create_directory(source_);
   const std::string image_ = "5/client/policy";
-  Outcome last_{};  // of the last ingest
 
   CommandTest() {
     refhost::log_to_sink([](const refhost::LogLine&) {});
-    fs::create_directory(source_);
   }
   void TearDown() override { hooks = {}; }
 
@@ -93,8 +89,7 @@ class CommandTest : public testing::Test {
   void add_file(const std::string& name, refhost::RecordFields fields = file_fields("x")) {
     fields.directory = "/client/policy";
     fields.leaf = name;
-    FilePO entry(5);
-    ASSERT_EQ(refhost::set_fields(entry.record(), fields), 0);
+    FilePO entry(text_of(fields));
     SQLitePODB db(root_, full(image_));
     ASSERT_EQ(entry.save(&db, full(image_) + "/" + name), 0U);
   }
@@ -110,8 +105,8 @@ class CommandTest : public testing::Test {
   }
   Names names(const std::string& below = "") const {
     Names found;
-    const RawRows all = rows(below, "SELECT basename FROM po ORDER BY basename");
-    for (const auto& row : all) found.push_back(row[0]);
+    const std::string all = "SELECT basename FROM po ORDER BY basename";
+    for (const auto& row : rows(below, all)) found.push_back(row[0]);
     return found;
   }
   // Total size, directories, files and open runs.
@@ -129,18 +124,12 @@ class CommandTest : public testing::Test {
   std::string ingest_of(const std::string& source) const {
     return "ingest " + source + " --root " + root_ + " --dsid 5 --client client --policy policy ";
   }
-  // Runs and returns what was added, replaced, unchanged, removed and not done.
-  Counters ingest(int status, const std::string& options = "") {
-    last_ = expect(status, "--json " + ingest_of(source_) + options);
-    Counters done;
-    for (const auto& line : last_.json()) {  // among the problems
-      for (const char* name : {"added", "replaced", "unchanged", "removed", "not_done"}) {
-        if (line.contains(name)) done.push_back(line[name]);
-      }
-    }
-    return done;
+  // Runs, says this and returns what was added, replaced, unchanged, removed and not done.
+  Counters ingest(int status, const std::string& options = "", const std::string& told = "") const {
+    auto lines = expect(status, "--json " + ingest_of(source_) + options, told).json();
+    auto& done = lines.at(lines.size() - 1);
+    return {done["added"], done["replaced"], done["unchanged"], done["removed"], done["not_done"]};
   }
-  void expect_sound() const { expect(cli::kDone, "verify " + root_); }
 };
 
 // Where the image's directory exists, and the compliance clock is in the test's hand.

@@ -1,5 +1,4 @@
 // What verify and check say, and what stats and dcids say of contents and their lists.
-#include <fcntl.h>
 #include <sys/file.h>
 
 #include "tests/cli/independent.h"
@@ -17,11 +16,10 @@ class VerifyTest : public CatalogTest {
   // Exactly one finding, about this row or file, for this reason.
   void expect_one_finding(const std::string& key, const std::string& value,
                           const std::string& reason) const {
-    const Outcome outcome = expect(cli::kInconsistent, "--json verify " + root_);
-    const auto lines = outcome.json();
-    ASSERT_EQ(lines.size(), 2U) << reason << ": " << outcome.out;
-    EXPECT_EQ(lines[0].value(key, ""), value) << outcome.out;
-    EXPECT_NE(lines[0].value("reason", "").find(reason), std::string::npos) << outcome.out;
+    const auto lines = expect(cli::kInconsistent, "--json verify " + root_).json();
+    ASSERT_EQ(lines.size(), 2U) << reason;
+    EXPECT_EQ(lines[0].value(key, ""), value) << lines[0];
+    EXPECT_NE(lines[0].value("reason", "").find(reason), std::string::npos) << lines[0];
   }
 
   const std::string file_ = database(image_);
@@ -89,12 +87,10 @@ class ListCommandsTest : public CommandTest {
     ingest(cli::kDone);
   }
   // How many things the command tells about a file of this name.
-  int told(const std::string& name, int status, const std::string& file) const {
-    int count = 0;
-    for (const auto& line : expect(status, name + " --json " + root_).json()) {
-      count += int{line.value("file", "") == file};
-    }
-    return count;
+  long told(const std::string& name, int status, const std::string& file) const {
+    const auto lines = expect(status, name + " --json " + root_).json();
+    const auto of_file = [&](const auto& line) { return line.value("file", "") == file; };
+    return std::count_if(lines.begin(), lines.end(), of_file);
   }
   const std::string shared_ = sha256_hex("shared");
 };

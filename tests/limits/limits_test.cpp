@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <csignal>
-#include <fstream>
 
 #include "tests/cli/read_fixture.h"
 #include "tests/faults/fault.h"
@@ -16,6 +15,7 @@ namespace {
 
 const std::string kDisk = "/mnt";  // the test's own, once mounted
 const std::string kCatalog = kDisk + "/catalog";
+const std::string kInto = " --dsid 5 --client client --policy policy ";
 
 struct Limits {
   const char* name = nullptr;
@@ -40,9 +40,8 @@ void write_source(const std::string& source, int from, int to) {
   for (int i = from; i < to; ++i) write_file(source + "/" + std::to_string(i), "content");
 }
 
-Outcome ingest(const std::string& source, const std::string& root = kCatalog) {
-  return command("ingest " + source + " --root " + root +
-                 " --dsid 5 --client client --policy policy --threads 2");
+Outcome ingest(const std::string& source) {
+  return command("ingest " + source + " --root " + kCatalog + kInto + "--threads 2");
 }
 
 // Verifies and lists; returns the number of names.
@@ -86,39 +85,36 @@ TEST(Limits, StopIngestAndTheNextRunGoesOn) {
   });
 }
 
-// On a catalog, on garbage and on nothing.
-constexpr const char* kCommands[] = {
-    "ls catalog 5/client/policy",
-    "show catalog 5/client/policy/1",
-    "find catalog *",
-    "stats catalog",
-    "verify catalog",
-    "check catalog",
-    "dcids catalog 5/client/policy/1",
-    "rm catalog 5/client/policy/gone",
-    "retention show catalog 5/client/policy/1",
-    "journal apply catalog/5/client/policy/po.db ../journal",
-    "ingest ../source --root catalog --dsid 5 --client client --policy policy --threads 1"};
+using Commands = CommandTest;
 
-TEST(Commands, KeepNothingAndCloseNoDatabaseBesideSQLite) {
-  const TempDir temp;
-  setenv("TMPDIR", temp.path().c_str(), 1);
-  refhost::log_to_sink([](const refhost::LogLine&) {});
-  write_source(temp.path("source"), 0, 3);
-  write_file(temp.path("journal"), "UPDATE registry SET value = '1';\n");
-  fs::create_directory(temp.path("missing"));
-  ASSERT_EQ(ingest(temp.path("source"), temp.path("sound/catalog")).status, cli::kDone);
-  const std::string catalog = temp.path("sound/catalog"), image = "/catalog/5/client/policy";
-  SQLitePODB po(catalog, temp.path("sound" + image));
-  SQLiteULDB ul(temp.path("sound" + image), 0);
+TEST_F(Commands, KeepNothingAndCloseNoDatabaseBesideSQLite) {
+  const std::string commands[] = {
+      "ls catalog 5/client/policy",
+      "show catalog 5/client/policy/1",
+      "find catalog *",
+      "stats catalog",
+      "verify catalog",
+      "check catalog",
+      "dcids catalog 5/client/policy/1",
+      "rm catalog 5/client/policy/gone",
+      "retention show catalog 5/client/policy/1",
+      "journal apply catalog/5/client/policy/po.db " + temp_.path("journal"),
+      "ingest " + source_ + " --root catalog" + kInto + "--threads 1"};
+  setenv("TMPDIR", temp_.path().c_str(), 1);
+  write_source(source_, 0, 3);
+  write_file(temp_.path("journal"), "UPDATE registry SET value = '1';\n");
+  fs::create_directory(temp_.path("missing"));
+  ingest(cli::kDone);
+  SQLitePODB po(root_, full(image_));
+  SQLiteULDB ul(full(image_), 0);
   unsigned long n = 0;
   EXPECT_EQ(po.count(&n) + ul.count(&n), 2 * CR_STATUS_OK) << "they are open meanwhile";
   for (const char* name : {"/po.db", "/ul.db"}) {
-    write_file(temp.path("garbage" + image + name), "garbage");
+    write_file(temp_.path("garbage/catalog/" + image_ + name), "garbage");
   }
-  for (const char* place : {"sound", "garbage", "missing"}) {
-    fs::current_path(temp.path(place));
-    for (const char* line : kCommands) {
+  for (const char* place : {".", "garbage", "missing"}) {
+    fs::current_path(temp_.path(place));
+    for (const std::string& line : commands) {
       command(line), command(line);  // fills what is kept for good
       const Held before = held();
       EXPECT_NE(command(line).status, cli::kUsage) << line;
