@@ -28,8 +28,8 @@ Result host(const char* name, Result (*)(Parameters...), Parameters... arguments
   if (left == kBadAlloc) throw std::bad_alloc();
   if (left == kDamaged) throw sqlitedb::db_exception(SQLITE_CORRUPT);
   cell() = left;
-  if constexpr (std::is_pointer_v<Result>) return nullptr;
-  return Result(-1);
+  if constexpr (!std::is_pointer_v<Result>) return Result(-1);
+  return Result();
 }
 
 using Text = const char*;
@@ -137,13 +137,13 @@ TEST_F(FailingHost, is_told_of_with_the_status_that_it_left) {
   };
   EXPECT_EQ(set() + save(), CR_STATUS_OK);
   for (const auto& [function, leaves, operation, result, line] : cases) {
-    SCOPED_TRACE(function + ": " + line);
+    SCOPED_TRACE(testing::Message() << function << ": " << line);
     EXPECT_EQ(set(), CR_STATUS_OK);
     failing = function, left = leaves, cell() = CR_STATUS_OK;
     EXPECT_EQ(operation(), result);
     failing.clear();
     std::string told;
-    for (const auto& logged : log.lines()) told += logged.message + "\n";
+    for (const auto& logged : log.lines()) told.append(logged.message).append("\n");
     EXPECT_NE(told.find(line), std::string::npos) << told;
     log.clear();
   }

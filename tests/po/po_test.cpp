@@ -10,7 +10,7 @@ namespace {
 class Updates : public StoreTest {
  protected:
   Updates() { refhost::set_log_level(refhost::LogLevel::Trace); }
-  ~Updates() override {
+  void TearDown() override {
     for (const PO* old : removed) delete old;
   }
   unsigned int update(refhost::RecordFields fields, char mod_type) {
@@ -99,8 +99,8 @@ TEST_F(Entries, tell_what_they_hold_and_have_copies_of_their_own) {
   fields.special_fp = "f00d";
   FilePO full(text_of(fields));
   full.set_udcid_record(std::make_unique<UDCIDRecord>());
-  const boost::intrusive_ptr<PO> copy(new FilePO(full)), same = copy;
-  EXPECT_NE(copy->get_udcid_record(), nullptr);
+  const boost::intrusive_ptr<PO> copy(new FilePO(full));
+  EXPECT_NE(boost::intrusive_ptr<PO>(copy)->get_udcid_record(), nullptr);
   EXPECT_EQ(copy->get_logstr() + copy->GetLocalDirName(), text_of(fields) + "/c/p");
   unsigned int moved = 6;
   copy->set_status(po_status_t{3});
