@@ -92,7 +92,7 @@ int SQLitePODB::po_database::on_db_callback(void* ctx, int ncols, char** values,
   return context.skip_bad_rows ? 0 : context.status;
 }
 
-cr_status_t SQLitePODB::po_database::take_row(const QueryContext& context, int ncols, char** values,
+cr_status_t SQLitePODB::po_database::take_row(QueryContext& context, int ncols, char** values,
                                               char** names) const {
   const int expected = is_po_query(context.type) ? kColumnsOfPO : 1;
   if (check_parameter(ncols, values, names, expected) != 0) return kBadRow;
@@ -113,7 +113,7 @@ bool SQLitePODB::po_database::is_asked_for(const QueryContext& context, const ch
   return false;
 }
 
-cr_status_t SQLitePODB::po_database::take_po(const QueryContext& context, char** values) const {
+cr_status_t SQLitePODB::po_database::take_po(QueryContext& context, char** values) const {
   if (context.type == QUERY_PO) return fill(context, values, *static_cast<PO*>(context.output));
   // Counted, because a visitor may wrap what it is handed in a handle of its own.
   const boost::intrusive_ptr<PO> entry(new FilePO(context.owner->get_dsid()));
@@ -126,16 +126,12 @@ cr_status_t SQLitePODB::po_database::take_po(const QueryContext& context, char**
   return CR_STATUS_OK;
 }
 
-cr_status_t SQLitePODB::po_database::fill(const QueryContext& context, char** values,
-                                          PO& po) const {
-  const char* content = values[2];
-  const std::string& directory = context.owner->db_dir;
-  std::string path;
-  path.reserve(directory.size() + 1 + std::strlen(values[0]));
-  path.append(directory).append("/").append(values[0]);
-  const auto status = as_status(po.set(root, content, path));
+cr_status_t SQLitePODB::po_database::fill(QueryContext& context, char** values, PO& po) const {
+  context.path.assign(context.owner->db_dir).append("/").append(values[0]);
+  context.text.assign(values[2]);
+  const auto status = as_status(po.set(root, context.text, context.path));
   if (status != CR_STATUS_OK) {
-    ErrorA(status, "Failed to set PO [%s][%s]", path.c_str(), content);
+    ErrorA(status, "Failed to set PO [%s][%s]", context.path.c_str(), context.text.c_str());
   }
   return status;
 }

@@ -29,6 +29,9 @@ struct SQLitePODB::QueryContext {
   bool skip_bad_rows = false;  // a row that fails its checks is left out and the query goes on
   const std::string* name = nullptr;  // the one that was asked for; null: any
   void* output;
+  // Of the row at hand. Here, so that only the first row of many has to find memory for them.
+  std::string path;
+  std::string text;
 };
 
 class SQLitePODB::po_database : public sqlitedb::sqlite3_wrapper {
@@ -54,10 +57,10 @@ class SQLitePODB::po_database : public sqlitedb::sqlite3_wrapper {
   // Far above what a row's statement can hold.
   static constexpr int kLongestValue = 1 << 20;
 
-  cr_status_t take_row(const QueryContext& context, int ncols, char** values, char** names) const;
+  cr_status_t take_row(QueryContext& context, int ncols, char** values, char** names) const;
   static bool is_asked_for(const QueryContext& context, const char* name);
-  cr_status_t take_po(const QueryContext& context, char** values) const;
-  cr_status_t fill(const QueryContext& context, char** values, PO& po) const;
+  cr_status_t take_po(QueryContext& context, char** values) const;
+  cr_status_t fill(QueryContext& context, char** values, PO& po) const;
 
   const std::string root;
 };
