@@ -65,7 +65,11 @@ TEST_F(ListTest, AReaderOfAReplacedDatabaseLeavesTheNewOneAlone) {
   const std::string journal = database(image_) + "-journal", content(4096, 'j');
   write_file(journal, content);
   EXPECT_EQ(rows.step(), SQLITE_BUSY);
+  EXPECT_EQ(cli::ReadTransaction(connection).code(), SQLITE_BUSY);
   EXPECT_EQ(read_file(journal), content);
+  fs::create_symlink(database(image_), root_ + "/link");
+  EXPECT_EQ(connection.open(root_ + "/link"), SQLITE_OK);
+  EXPECT_EQ(sqlite3_db_filename(connection.handle(), "main"), database(image_)) << "its journal's";
 }
 
 // More rows and more damage than a page holds: nothing is left out or listed twice.
