@@ -23,12 +23,12 @@ using SQLiteText = std::unique_ptr<char, FreeBySQLite>;
 
 // Whether `sql` is one statement that, by its first word, commits nothing.
 bool only_reads(const std::string& sql) {
-  const std::string::size_type end = sql.find(';');
-  if (end != std::string::npos && end + 1 < sql.size()) return false;
   const auto begins_with = [&](const char* word) {
     return sqlite3_strnicmp(sql.c_str(), word, static_cast<int>(std::strlen(word))) == 0;
   };
-  return sql.empty() || begins_with("SELECT") || begins_with("PRAGMA");
+  if (!sql.empty() && !begins_with("SELECT") && !begins_with("PRAGMA")) return false;
+  const std::string::size_type end = sql.find(';');
+  return end == std::string::npos || end + 1 == sql.size();
 }
 
 std::string error_text(const SQLiteText& text) { return text ? text.get() : "null"; }

@@ -23,23 +23,23 @@ class Damage : public Lane, public testing::WithParamInterface<bool> {
     put(damaged);  // some answers change the file
     const bool harmless = !answers.noticed && !answers.differs && !answers.wrong;
     const bool unreported = !harmless && !verify_finds_faults(subject_->root_.path());
-    ++images_, noticed_ += answers.noticed, harmless_ += harmless;
+    ++images_, noticed_ += answers.noticed, harmless_ += harmless, summed_ += answers.summed;
     wrong_ += answers.wrong, unreported_ += unreported;
     if (unreported || answers.wrong) places_ += " " + std::to_string(offset);
   }
 
   void print(const char* what) const {
     std::printf(
-        "%s.db, %s: %zu images: seen by whoever asks %zu, by verify alone %zu, harmless %zu; "
-        "wrong answers %zu, unreported changes %zu\n",
-        GetParam() ? "po" : "ul", what, images_, noticed_, images_ - noticed_ - harmless_,
+        "%s.db, %s: %zu images: seen by whoever asks %zu, of these by a checksum %zu, by verify "
+        "alone %zu, harmless %zu; wrong answers %zu, unreported changes %zu\n",
+        GetParam() ? "po" : "ul", what, images_, noticed_, summed_, images_ - noticed_ - harmless_,
         harmless_, wrong_, unreported_);
   }
 
   const std::unique_ptr<Subject> subject_ =
       GetParam() ? std::unique_ptr<Subject>(new PoSubject) : std::make_unique<UlSubject>();
   const std::string image_ = read_file(subject_->file_);
-  std::size_t images_ = 0, noticed_ = 0, harmless_ = 0, wrong_ = 0, unreported_ = 0;
+  std::size_t images_ = 0, noticed_ = 0, harmless_ = 0, summed_ = 0, wrong_ = 0, unreported_ = 0;
   std::string places_;  // of wrong answers and unreported changes
 
  private:

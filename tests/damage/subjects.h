@@ -13,6 +13,7 @@ constexpr std::size_t kFirstKey = 100000;
 
 struct Answers {
   bool noticed = false;  // an operation failed or logged an error
+  bool summed = false;   // because a checksum did not fit
   bool differs = false;  // something was missing, or is not stored
   bool wrong = false;    // an entry or a list was not the true one
 };
@@ -25,7 +26,10 @@ class Subject {
   // Asks for some rows by key, and for everything. The first time the answers are the true ones.
   Answers ask(const std::set<std::size_t>& rows) {
     answers_ = {};
-    refhost::log_to_sink([this](const refhost::LogLine&) { answers_.noticed = true; });
+    refhost::log_to_sink([this](const refhost::LogLine& line) {
+      answers_.noticed = true;
+      answers_.summed |= line.message.find("mismatch") != std::string::npos;
+    });
     ask_for(rows);
     refhost::log_to_sink([](const refhost::LogLine&) {});
     return answers_;
