@@ -6,7 +6,8 @@ namespace cli {
 // The name of an SQLite VFS that takes absolute paths as they are, if no symbolic link stands at
 // their end. The usual one resolves all links, with a system call for each component: a tenth of
 // the time that a listing takes. A link to the database itself matters, because the journal lies
-// beside what it leads to; those above lead to the same journal either way.
+// beside what it leads to; those above lead to the same journal either way, and the paths of a
+// catalog have none: its root is given without links, and none below it is followed.
 //
 // Null, for the usual one, when it cannot be had. From any thread.
 const char* plain_path_vfs();

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <chrono>
+#include <cstdint>
 #include <cstdlib>
 #include <string_view>
 #include <thread>
@@ -53,29 +54,29 @@ bool RowPager::fill() {
   page_.clear();
   position_ = 0;
   while (page_.empty() && !last_page_) {
-    const bool goes_on = statement_ && !connection_.has_moved();
-    status_ = goes_on ? read_page() : open_and_read_page();
+    status_ = read_next_page();
     last_page_ = last_page_ || status_ != CR_STATUS_OK;
   }
   if (status_ == CR_STATUS_NOT_FOUND) status_ = CR_STATUS_OK;  // no database: no rows
   return !page_.empty();
 }
 
-// A database that is just being made or removed cannot be used for a moment.
-cr_status_t RowPager::open_and_read_page() {
+// A database that is just being made, removed or replaced cannot be used for a moment.
+cr_status_t RowPager::read_next_page() {
   constexpr int kMostLooks = 25;
   constexpr std::chrono::milliseconds kBetweenLooks(20);
   for (int look = 1;; ++look) {
-    cr_status_t status = open();
+    cr_status_t status = statement_ ? CR_STATUS_OK : open();
     if (status == CR_STATUS_OK) status = read_page();
-    const bool may_change = status == CR_STATUS_BAD_DATA || status == CR_STATUS_FAILED;
+    const bool may_change = status == CR_STATUS_BAD_DATA || status == CR_STATUS_FAILED ||
+                            (status == CR_STATUS_BUSY && connection_.has_moved());
     if (!may_change || look == kMostLooks) return status;
+    statement_.reset();
     std::this_thread::sleep_for(kBetweenLooks);
   }
 }
 
 cr_status_t RowPager::open() {
-  statement_.reset();
   struct stat found = {};
   if (stat(file_.c_str(), &found) != 0) return status_of_errno("stat");
   if (S_ISDIR(found.st_mode)) return CR_STATUS_FAILED;
@@ -104,8 +105,7 @@ cr_status_t RowPager::read_page() {
   }
   if (rows > 0) last_name_ = last_in_page_;
   last_page_ = rows < kPage;
-  nameless_rows_ = last_page_ && is_whole_ && finds_nameless_rows(delivered_ + page_.size());
-  return kept;
+  return kept == CR_STATUS_OK && last_page_ && is_whole_ ? look_for_nameless_rows() : kept;
 }
 
 cr_status_t RowPager::keep(const Statement& row) {
@@ -136,12 +136,14 @@ bool RowPager::decode(const Stored& stored) {
 }
 
 // Counting is quick, and tells when every row has a name.
-bool RowPager::finds_nameless_rows(std::size_t named) const {
+cr_status_t RowPager::look_for_nameless_rows() {
+  const auto named = static_cast<std::int64_t>(delivered_ + page_.size());
   Statement counted(connection_, "SELECT COUNT(*) FROM po");
-  const bool is_counted = counted.step() == SQLITE_ROW;
-  if (is_counted && counted.integer(0) == static_cast<std::int64_t>(named)) return false;
-  const std::string nameless = std::string("SELECT 1 FROM po WHERE NOT ") + kNamedRows;
-  return Statement(connection_, nameless).step() == SQLITE_ROW;
+  if (counted.step() == SQLITE_ROW && counted.integer(0) == named) return CR_STATUS_OK;
+  Statement nameless(connection_, std::string("SELECT 1 FROM po WHERE NOT ") + kNamedRows);
+  const int code = nameless.step();
+  nameless_rows_ = code == SQLITE_ROW;
+  return nameless_rows_ || code == SQLITE_DONE ? CR_STATUS_OK : status_of_sqlite(code);
 }
 
 }  // namespace cli

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -53,11 +52,11 @@ class RowPager {
   };
 
   bool fill();
-  cr_status_t open_and_read_page();
+  cr_status_t read_next_page();
   cr_status_t open();
   cr_status_t read_page();
   cr_status_t keep(const Statement& row);
-  bool finds_nameless_rows(std::size_t named) const;
+  cr_status_t look_for_nameless_rows();
   bool decode(const Stored& stored);
 
   const std::string root_;

@@ -36,6 +36,7 @@ int Connection::open(const std::string& file) {
 
 bool Connection::has_moved() const {
   int moved = 0;
+  if (handle() == nullptr) return false;
   sqlite3_file_control(handle(), "main", SQLITE_FCNTL_HAS_MOVED, &moved);
   return moved != 0;
 }
@@ -50,7 +51,9 @@ ReadTransaction::ReadTransaction(const Connection& connection)
 }
 
 ReadTransaction::~ReadTransaction() {
-  sqlite3_exec(connection_.handle(), "ROLLBACK", nullptr, nullptr, nullptr);
+  sqlite3* const db = connection_.handle();
+  const bool has_begun = sqlite3_get_autocommit(db) == 0;
+  if (has_begun) sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
 }
 
 Statement::Statement(const Connection& connection, const std::string& sql)

@@ -23,7 +23,8 @@ class Connection {
   sqlite3* handle() const { return db_.get(); }
 
   // Whether the file is no longer there under its name. The journal beside it is then another's,
-  // which must not be taken for this one's: that would undo the other's transaction.
+  // which must not be taken for this one's: that would undo the other's transaction. Asked before
+  // each lock is waited for, not while it is.
   bool has_moved() const;
   std::string message() const { return sqlite3_errmsg(db_.get()); }
 
@@ -65,7 +66,7 @@ class Statement {
   // SQLITE_ROW, SQLITE_DONE or the code of a failure, that of the compilation included. The first
   // step answers SQLITE_BUSY when the file has moved, unless a transaction holds the lock.
   int step();
-  // Back to before the first step; lets go of the lock.
+  // Back to before the first step; outside a transaction, lets go of the lock.
   void reset();
 
   int type(int column) const { return sqlite3_column_type(statement_.get(), column); }
@@ -82,7 +83,7 @@ class Statement {
   std::unique_ptr<sqlite3_stmt, Finalize> statement_;
   const Connection& connection_;
   int compiled_ = SQLITE_OK;
-  bool running_ = false;  // its read lock is held
+  bool running_ = false;  // a read lock is held
 };
 
 // Walks a table by rowid, page by page: `take` sees every row, rowid first and then `columns`,

@@ -27,5 +27,5 @@ function(pocatalog_test name)
   target_link_libraries(${name} PRIVATE pocatalog-refhost SQLite::SQLite3 Boost::filesystem
                         Threads::Threads GTest::gmock GTest::gtest_main)
   gtest_discover_tests(${name} TEST_FILTER "${POCATALOG_TEST_FILTER}" DISCOVERY_TIMEOUT 60
-                       PROPERTIES TIMEOUT 300)
+                       PROPERTIES TIMEOUT 300 LABELS ${name})
 endfunction()

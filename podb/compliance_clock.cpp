@@ -29,9 +29,10 @@ bool exists(const char* path) { return zel_access(path, 0) == 0; }
 
 // A first line too long for a path counts as none.
 void discover_mount_point() {
+  decltype(mount_point) line{};
   std::ifstream file(kMountPointFile);
-  if (file.getline(mount_point.data(), mount_point.size()) && exists(mount_point.data())) return;
-  zelstrcpy(mount_point.data(), kDefaultMountPoint, mount_point.size());
+  const bool found = file.getline(line.data(), line.size()) && exists(line.data());
+  zelstrcpy(mount_point.data(), found ? line.data() : kDefaultMountPoint, mount_point.size());
 }
 
 std::string known_mount_point() {

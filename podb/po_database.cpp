@@ -3,8 +3,6 @@
 #include <sqlite3.h>
 
 #include <cstdlib>
-#include <cstring>
-#include <utility>
 
 #include "host/host.h"
 #include "po/file_po.h"

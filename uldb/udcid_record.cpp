@@ -51,7 +51,8 @@ std::set<std::uint64_t> distinct_dcids(const _cr_stat_t& stat) {
 }  // namespace
 
 std::uint64_t* allocated_udcid_list(const char* operation, std::uint32_t n) {
-  auto* list = static_cast<std::uint64_t*>(std::malloc(udcid_list_size(n)));
+  const std::uint64_t size = std::max(udcid_list_size(n), std::uint64_t{1});  // none may be null
+  auto* list = static_cast<std::uint64_t*>(std::malloc(size));
   if (list == nullptr) {
     ErrorA(CR_STATUS_NO_MEMORY, "%s: malloc %u size memory for dcid buffer failed!", operation,
            printable_size(udcid_list_size(n)));

@@ -69,7 +69,8 @@ TEST_F(ListTest, AReaderOfAReplacedDatabaseLeavesTheNewOneAlone) {
   EXPECT_EQ(read_file(journal), content);
   fs::create_symlink(database(image_), root_ + "/link");
   EXPECT_EQ(connection.open(root_ + "/link"), SQLITE_OK);
-  EXPECT_EQ(sqlite3_db_filename(connection.handle(), "main"), database(image_)) << "its journal's";
+  EXPECT_EQ(sqlite3_db_filename(connection.handle(), "main"), database(image_))
+      << "where its journal lies";
 }
 
 // More rows and more damage than a page holds: nothing is left out or listed twice.

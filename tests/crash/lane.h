@@ -26,7 +26,7 @@ inline bool work_in_memory() {
   return access(kMemory, W_OK) == 0 && setenv("TMPDIR", kMemory, 0) == 0;
 }
 
-// A catalog directory to be hurt.
+// A catalog directory to be hurt, where a harness has none of its own.
 class Lane : public testing::Test {
  protected:
   const bool in_memory_ = work_in_memory();

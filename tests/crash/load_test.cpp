@@ -85,7 +85,7 @@ TEST_F(Load, loses_no_update_and_lets_nobody_wait_for_30_seconds) {
 
 TEST_F(Load, loses_updates_without_transactions) {
   run(100, false);
-  EXPECT_GT(lost_, 0U);
+  EXPECT_LT(lost_ - 1, kWriters * 100);
 }
 
 }  // namespace

@@ -73,7 +73,7 @@ TEST_P(Damage, of_a_bit_gives_the_true_answer_or_a_failure) {
     byte = whole;
   }
   print("bits");
-  EXPECT_EQ(wrong_ + unreported_, 0U) << places_;
+  EXPECT_TRUE(wrong_ + unreported_ == 0 && summed_ > 0) << places_;
 }
 
 TEST_P(Damage, of_pages_gives_the_true_answer_or_a_failure) {

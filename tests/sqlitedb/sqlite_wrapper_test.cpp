@@ -1,4 +1,3 @@
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
@@ -6,19 +5,15 @@
 #include "tests/support/fake_sleep.h"
 #include "tests/support/files.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/next.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
 
 // What closing and the wish for extended codes answer instead, how often a closing was asked for,
-// and what the host's failures are mapped to.
+// whether a file is read-only, and what the host's failures are mapped to.
 int close_answer = SQLITE_OK, codes_answer = SQLITE_OK, closings = 0, read_only = 0, mapped = 0;
 bool closing_throws = false;
-
-template <typename Function, typename... Arguments>
-auto real(Function*, const char* name, Arguments... arguments) {
-  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name))(arguments...);
-}
 
 }  // namespace
 
@@ -27,12 +22,12 @@ cr_status_t _crMapError(const char*, const char*, int) { return mapped; }
 int sqlite3_db_readonly(sqlite3*, const char*) { return read_only; }
 
 int sqlite3_extended_result_codes(sqlite3* db, int on) {
-  return codes_answer + real(&sqlite3_extended_result_codes, __func__, db, on);
+  return codes_answer + next(__func__, &sqlite3_extended_result_codes)(db, on);
 }
 
 int sqlite3_close(sqlite3* db) {
   ++closings;
-  const int rc = close_answer != SQLITE_OK ? close_answer : real(&sqlite3_close, __func__, db);
+  const int rc = close_answer != SQLITE_OK ? close_answer : next(__func__, &sqlite3_close)(db);
   return closing_throws ? throw std::bad_alloc() : rc;
 }
 
@@ -93,7 +88,7 @@ TEST_F(Connection, is_made_for_a_missing_or_an_empty_file_only_and_leaves_none_w
   for (const cr_status_t status : {CR_STATUS_FAILED, CR_STATUS_IO_ERROR}) {
     EXPECT_EQ(TestDb(file + "/a.db").init_db(), status);
     log.expect_error(status, "Could not create directory " + file);
-    mapped = CR_STATUS_IO_ERROR;
+    mapped = CR_STATUS_IO_ERROR - mapped;
   }
   EXPECT_EQ(TestDb("/proc").init_db(), CR_STATUS_FAILED) << "for which no directory is made";
   db.schema = [] { return CR_STATUS_IO_ERROR; };
@@ -126,7 +121,7 @@ TEST_F(Connection, is_made_for_a_missing_or_an_empty_file_only_and_leaves_none_w
 TEST_F(Connection, waits_for_its_statements_when_closing_and_is_abandoned_then) {
   closings = 0, read_only = 1;  // for want of a descriptor; memory has no file to be written
   EXPECT_EQ(db.open_db() + TestDb(":memory:").open_db(), CR_STATUS_FAILED);
-  EXPECT_EQ(closings - std::exchange(read_only, 0), 1);
+  EXPECT_EQ(std::exchange(closings, read_only = 0), 2);
   log.clear();
   ASSERT_EQ(db.open_db(), CR_STATUS_OK);
   log.expect_info(CR_STATUS_OK, "Open SQLite database " + file);
@@ -173,7 +168,7 @@ TEST_F(Connection, tells_of_failures_and_hands_over_rows_whose_exceptions_get_ou
   EXPECT_FALSE(db.run_pragma("SELECT a FROM t", "4", nullptr) || db.run_pragma("bad", "", nullptr));
   EXPECT_TRUE(db.run_pragma("SELECT NULL", "", nullptr));
   log.expect(kTrace, -1, "Run \"SELECT a FROM t\" on SQLite datase, expect result: 4");
-  EXPECT_EQ(db.count_in_table("t WHERE 0 UNION ALL SELECT NULL", &rows) + rows, 0U);
+  EXPECT_TRUE(db.count_in_table("t UNION ALL SELECT NULL", &rows) == CR_STATUS_OK && rows == 0);
   EXPECT_EQ(db.count_in_table("gone", &rows), CR_STATUS_FAILED);
   log.expect_error(CR_STATUS_FAILED, "count_in_table: faile to exec (SELECT COUNT(*) FROM gone;) ");
   const std::string sql = "bad " + std::string(1020, 'x');
@@ -207,9 +202,11 @@ TEST_F(Connection, waits_for_writers_and_is_durable_each_time_it_is_opened) {
   EXPECT_EQ(sleep.sleeps(), std::vector<unsigned int>(60, 1));
   meanwhile = [] { throw 7; };
   EXPECT_THROW(db.begin_transaction(), int);
-  meanwhile = [&] { other.close_db(0); };
+  meanwhile = [&] { other.rollback_transaction(); };
   EXPECT_EQ(db.begin_transaction() + db.rollback_transaction(), CR_STATUS_OK);
-  EXPECT_TRUE(db.run_pragma("PRAGMA synchronous", "3", nullptr));
+  EXPECT_EQ(other.exec("DELETE FROM t", nullptr), CR_STATUS_OK);
+  for (auto* each : {&db, &other})
+    EXPECT_TRUE(each->run_pragma("PRAGMA synchronous", "3", nullptr));
 }
 
 TEST_F(Connection, throws_corruption_which_transactions_return) {
@@ -267,7 +264,7 @@ TEST_F(ApplyJournal, RestoresInOneBatchOrLineByLineAndTellsWhatItCouldNotRun) {
        false, 0, "012", ""},
       {"INSERT INTO t VALUES (1, 2);\nINSERT INTO t VALUES (1, 2);\nINSERT INTO t VALUES (3, 2);",
        false, CR_STATUS_FAILED, "01", "Failed to execute the contents of " + file},
-      {"SELECT 1 FROM missing;", true, CR_STATUS_FAILED, "0", "Exec sql statement [[[SELECT 1 F"},
+      {"SELECT 1 FROM missing;", true, CR_STATUS_FAILED, "0", "no such table: missing"},
       {"SELECT load_extension('');", true, 4, "0", "not authorized to use function: load_ext"},
       {"INSERT INTO t VALUES (1, 2)", false, CR_STATUS_BAD_ARG, "0",
        "Execute journal file " + file + "\nFailed to find a ';' character in the the contents"},
