@@ -62,8 +62,8 @@ TEST(Servers, NameTheirModesAndStartThreads) {
   int ran = 0;
   const auto run = [](void* out) -> void* { return ++*static_cast<int*>(out), nullptr; };
   pthread_t thread;
-  for (const std::size_t stack : {1 << 20, 0}) {
-    const unsigned long made = SDThreadCreate(&thread, run, &ran, stack, 0);
+  for (const std::size_t stack : {1U << 20U, 0U}) {
+    const auto made = SDThreadCreate(&thread, run, &ran, stack, 0);
     EXPECT_TRUE(made == 0 && pthread_join(thread, nullptr) == 0);
   }
   EXPECT_EQ(ran, 2);

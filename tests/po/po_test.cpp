@@ -57,7 +57,8 @@ TEST_F(Updates, change_row_statistics_and_lists_alike) {
   EXPECT_EQ(update(file_fields("f"), 'N'), 0U) << "there is no database yet";
   // Before, code, POID and size of the update, action; result, change of bytes and files, entries
   // removed, POID afterwards (0: no row). The row before has POID 1 and 7 bytes.
-  const std::tuple<Before, char, int, unsigned, const char*, unsigned, int, int, unsigned, int>
+  const std::tuple<Before, char, unsigned, unsigned, const char*, unsigned, int, int, unsigned,
+                   unsigned>
       cases[] = {{kNothing, 'N', 2, 5, "", 0, 5, 1, 0, 2},
                  {kRow, 'N', 1, 7, "", 0, 0, 0, 0, 1},
                  {kRow, 'N', 2, 5, "", 0, -2, 0, 1, 2},
