@@ -1,5 +1,7 @@
 #include "cli/catalog_scan.h"
 
+#include <utility>
+
 #include "cli/cause.h"
 #include "cli/dir_list.h"
 #include "cli/ordered_work.h"
