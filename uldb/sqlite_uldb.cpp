@@ -10,6 +10,7 @@
 #include "sqlitedb/failure_internal.h"
 #include "sqlitedb/open_internal.h"
 #include "uldb/sqlite_uldb_internal.h"
+#include "uldb/statement_internal.h"
 
 namespace {
 
@@ -25,7 +26,10 @@ struct FreeBySQLite {
 
 // A file that cannot be opened is in the log, and the first use tries again.
 SQLiteULDB::SQLiteULDB(const std::string& dir, unsigned int options)
-    : directory(dir), option(options), dbfile_path(dir + "/" + dbfilename()) {
+    : directory(dir),
+      option(options),
+      dbfile_path(dir + "/" + dbfilename()),
+      kept(std::make_unique<KeptStatements>()) {
   if (!db_missing()) SQLiteULDB::db_open();
 }
 
@@ -66,6 +70,7 @@ cr_status_t SQLiteULDB::db_close() {
 // A statement that is still in use, of a walk whose callback closes, keeps what it needs of the
 // connection until it is finalized.
 void SQLiteULDB::close_handle() {
+  *kept = {};
   sqlite3_close_v2(db);
   db = nullptr;
 }

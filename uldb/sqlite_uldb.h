@@ -38,8 +38,9 @@ struct sqlite3;
 // timeout of 10 seconds, and the 60 attempts, a second apart, of commit and rollback.
 class POCATALOG_API SQLiteULDB {
  public:
-  // Takes one row. Both arguments live for the call only; the record must not be freed. It must not
-  // close or drop the database.
+  // Takes one row. Both arguments live for the call only; the record must not be freed. It may
+  // store and delete rows: of a walk, those behind its own take part, one that replaces its own
+  // does not. It must not close or drop the database.
   using Callback = cr_status_t (*)(const char* poid, UDCIDRecord* record);
 
   // `dir` is the catalog directory; `options` is kept and not used.
@@ -141,6 +142,8 @@ class POCATALOG_API SQLiteULDB {
   bool transaction_active = false;
 
  private:
+  struct KeptStatements;
+
   cr_status_t db_open_imp(bool& retry);
   cr_status_t db_exec_imp(const char* sql, bool& retry);
   cr_status_t get_imp(const char* poid, std::unique_ptr<UDCIDRecord>& found, bool& retry);
@@ -154,5 +157,6 @@ class POCATALOG_API SQLiteULDB {
   int run_sql(const char* operation, const char* sql);
   bool recovered();
 
+  const std::unique_ptr<KeptStatements> kept;
   bool recovering = false;  // a recovery that fails on its way does not start another
 };

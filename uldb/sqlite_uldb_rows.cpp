@@ -17,16 +17,19 @@ constexpr StatementTexts kWrite = {"put_imp", "INSERT OR REPLACE INTO utable VAL
                                    "prepare ", "step SQL ", true};
 constexpr StatementTexts kDelete = {"del_imp", "DELETE FROM utable WHERE poid = ?", "prepare ",
                                     "step SQL ", true};
-constexpr StatementTexts kOwner = owner_texts("get_imp");
+constexpr StatementTexts kOwner =
+    owner_texts("get_imp",
+                "SELECT own.poid FROM utable AS led LEFT JOIN utable AS own "
+                "ON own.rowid = led.rowid WHERE led.poid = ?");
 using RecordPtr = std::unique_ptr<UDCIDRecord>;
 
 // Runs `work` on a prepared statement. The error policy may drop the database, so the statement is
-// finalized before it is asked.
+// let go before it is asked.
 template <typename Work>
 cr_status_t run(SQLiteULDB& database, Statement statement, bool& retry, Work work) {
   cr_status_t status = statement.prepare();
   if (status == CR_STATUS_OK) status = work(statement);
-  const int judged = statement.finalize();
+  const int judged = statement.release();
   retry = judged != SQLITE_OK && database.db_handle_error(judged);
   return status;
 }
@@ -47,9 +50,11 @@ cr_status_t read_record(Statement& row, const char* poid, RecordPtr& found) {
 cr_status_t read_own_record(Statement& row, Statement owner, const char* poid, RecordPtr& found) {
   cr_status_t status = read_record(row, poid, found);
   if (status != CR_STATUS_OK) return status;
-  status = owner.prepare();
-  if (status == CR_STATUS_OK) status = check_owner(owner, poid, nullptr);
-  row.judge(owner.finalize());
+  status = owner.prepare_beside();
+  if (status == CR_STATUS_OK) status = owner.bind_poid(poid);
+  if (status == CR_STATUS_OK) status = owner.next_row();
+  if (status == CR_STATUS_OK) status = check_owner(owner, poid);
+  row.judge(owner.release());
   if (status == CR_STATUS_OK) return status;
   found.reset();
   const bool contradicts = status == CR_STATUS_BAD_DATA || status == CR_STATUS_NOT_FOUND;
@@ -98,8 +103,8 @@ cr_status_t SQLiteULDB::get_imp(const char* poid, RecordPtr& found, bool& retry)
   if (opened != CR_STATUS_OK) return opened;
   if (poid == nullptr) return CR_STATUS_BAD_ARG;
   const cr_status_t status =
-      run(*this, Statement(db, dbfile_path, kRead), retry, [&](Statement& row) {
-        return read_own_record(row, Statement(db, dbfile_path, kOwner), poid, found);
+      run(*this, Statement(db, dbfile_path, kRead, &kept->read), retry, [&](Statement& row) {
+        return read_own_record(row, Statement(db, dbfile_path, kOwner, &kept->owner), poid, found);
       });
   if (status == CR_STATUS_NOT_FOUND) log_absent(poid);
   if (status == CR_STATUS_BAD_DATA) remove_corrupt(poid);
@@ -136,7 +141,8 @@ cr_status_t SQLiteULDB::put_imp(const char* poid, UDCIDRecord* rec, bool& retry)
   Serialized record;
   const cr_status_t serialized = serialize(poid, *rec, record);
   if (serialized != CR_STATUS_OK) return serialized;
-  return run(*this, Statement(db, dbfile_path, kWrite), retry, [&](Statement& insertion) {
+  Statement statement(db, dbfile_path, kWrite, &kept->write);
+  return run(*this, std::move(statement), retry, [&](Statement& insertion) {
     cr_status_t status = insertion.bind_poid(poid);
     if (status == CR_STATUS_OK) status = insertion.bind_blob({record.bytes.get(), record.size});
     return status == CR_STATUS_OK ? insertion.finish() : status;
@@ -151,7 +157,8 @@ cr_status_t SQLiteULDB::del_imp(const char* poid, bool& retry) {
   const cr_status_t opened = check_db_existence(true);
   if (opened != CR_STATUS_OK) return opened;
   if (poid == nullptr) return CR_STATUS_BAD_ARG;
-  return run(*this, Statement(db, dbfile_path, kDelete), retry, [&](Statement& deletion) {
+  Statement statement(db, dbfile_path, kDelete, &kept->deletion);
+  return run(*this, std::move(statement), retry, [&](Statement& deletion) {
     const cr_status_t status = deletion.bind_poid(poid);
     return status == CR_STATUS_OK ? deletion.finish() : status;
   });

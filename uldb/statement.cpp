@@ -1,23 +1,24 @@
 #include "uldb/statement_internal.h"
 
-#include <sys/stat.h>
-
 #include <cstdint>
 #include <cstring>
 #include <new>
+#include <utility>
 
 #include "base/hardening_internal.h"
 #include "base/sqlite_codes_internal.h"
-#include "host/files.h"
 #include "host/log.h"
 #include "sqlitedb/durable_internal.h"
 #include "uldb/sqlite_uldb_internal.h"
 
 namespace {
 
-std::int64_t size_of(const std::string& file) {
-  struct stat info {};
-  return wa_stat(file.c_str(), &info) == CR_STATUS_OK ? info.st_size : kAnySize;
+std::int64_t file_size(sqlite3* db) {
+  sqlite3_file* file = nullptr;
+  sqlite3_file_control(db, "main", SQLITE_FCNTL_FILE_POINTER, &file);
+  sqlite3_int64 size = kAnySize;
+  const bool open = file != nullptr && file->pMethods != nullptr;
+  return open && file->pMethods->xFileSize(file, &size) == SQLITE_OK ? size : kAnySize;
 }
 
 }  // namespace
@@ -32,16 +33,26 @@ cr_status_t decode(const Blob& blob, std::unique_ptr<UDCIDRecord>& record) {
   return status;
 }
 
-Statement::Statement(sqlite3* connection, const std::string& path, const StatementTexts& texts)
-    : db_(connection), path_(path), texts_(texts) {}
+Statement::Statement(sqlite3* connection, const std::string& path, const StatementTexts& texts,
+                     StatementPtr* kept)
+    : db_(connection), path_(path), texts_(texts), kept_(kept) {}
 
 cr_status_t Statement::prepare() {
-  sqlite3_stmt* made = nullptr;
-  limit_values(db_, texts_.writes ? kAnySize : size_of(path_));
+  limit_values(db_, texts_.writes ? kAnySize : file_size(db_));
   if (texts_.writes) judged_ = sqlitedb::make_commits_durable(db_, nullptr);
-  if (judged_ == SQLITE_OK) judged_ = sqlite3_prepare_v2(db_, texts_.sql, -1, &made, nullptr);
+  return prepare_beside();
+}
+
+// A kept statement follows changes of the schema by itself, as one does that was just prepared with
+// what the connection remembers of it.
+cr_status_t Statement::prepare_beside() {
+  if (kept_ != nullptr) statement_ = std::move(*kept_);
+  if (judged_ == SQLITE_OK && statement_ == nullptr) {
+    sqlite3_stmt* made = nullptr;
+    judged_ = sqlite3_prepare_v3(db_, texts_.sql, -1, SQLITE_PREPARE_PERSISTENT, &made, nullptr);
+    statement_.reset(made);
+  }
   judged_ = without_false_damage(db_, judged_);
-  statement_.reset(made);
   return judged_ == SQLITE_OK ? CR_STATUS_OK : failed(judged_, texts_.prepare, texts_.sql);
 }
 
@@ -95,31 +106,20 @@ Blob Statement::blob(int column) const {
   return {static_cast<const unsigned char*>(bytes), static_cast<unsigned int>(size)};
 }
 
-int Statement::finalize() {
+int Statement::release() {
+  if (kept_ != nullptr && judged_ == SQLITE_OK) {
+    sqlite3_reset(statement_.get());
+    sqlite3_clear_bindings(statement_.get());
+    *kept_ = std::move(statement_);
+  }
   statement_.reset();
   return judged_;
 }
 
-namespace {
-
-// The first holds a list, so it is not empty.
-bool equal(const Blob& a, const Blob& b) {
-  return a.size == b.size && std::memcmp(a.bytes, b.bytes, a.size) == 0;
-}
-
-}  // namespace
-
-cr_status_t check_owner(Statement& owner, const char* poid, const Blob* list) {
-  owner.rewind();
-  cr_status_t status = owner.bind_poid(poid);
-  if (status == CR_STATUS_OK) status = owner.next_row();
-  if (status != CR_STATUS_OK) return status;
+cr_status_t check_owner(const Statement& owner, const char* poid) {
   const char* name = owner.text(0);
-  const bool owns = name != nullptr && std::strcmp(name, poid) == 0;
-  if (!owns || (list != nullptr && !equal(*list, owner.blob(1)))) {
-    status = CR_STATUS_BAD_DATA;
-    ErrorA(status, "The index of UDCID lists leads POID %s to the row of %s", poid,
-           name != nullptr ? name : "(null)");
-  }
-  return status;
+  if (name != nullptr && std::strcmp(name, poid) == 0) return CR_STATUS_OK;
+  ErrorA(CR_STATUS_BAD_DATA, "The index of UDCID lists leads POID %s to the row of %s", poid,
+         name != nullptr ? name : "(null)");
+  return CR_STATUS_BAD_DATA;
 }

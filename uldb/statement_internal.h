@@ -7,6 +7,7 @@
 #include <string>
 
 #include "host/status.h"
+#include "uldb/sqlite_uldb.h"
 #include "uldb/udcid_record.h"
 
 // What a statement does and how its failures read.
@@ -26,14 +27,33 @@ struct Blob {
 // Makes the record of a binary form, or leaves `record` null.
 cr_status_t decode(const Blob& blob, std::unique_ptr<UDCIDRecord>& record);
 
-// Finalized on every way out. Failures are logged and mapped here. What is bound is not copied: it
-// outlives the statement's last step. Texts and blobs of a row live until the next step.
+struct FinalizeStatement {
+  void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
+};
+using StatementPtr = std::unique_ptr<sqlite3_stmt, FinalizeStatement>;
+
+// What the connection has prepared for single rows, from one call to the next. They go before it
+// closes, and after a failure.
+struct SQLiteULDB::KeptStatements {
+  StatementPtr read;
+  StatementPtr owner;
+  StatementPtr write;
+  StatementPtr deletion;
+};
+
+// Finalized on every way out, unless it is kept. Failures are logged and mapped here. What is bound
+// is not copied: it outlives the statement's last step. Texts and blobs of a row live until the
+// next step.
 class Statement {
  public:
-  // `path` and `texts` outlive the statement.
-  Statement(sqlite3* connection, const std::string& path, const StatementTexts& texts);
+  // `path` and `texts` outlive the statement. One that is `kept` is taken from there while it is in
+  // use; the connection must not close meanwhile.
+  Statement(sqlite3* connection, const std::string& path, const StatementTexts& texts,
+            StatementPtr* kept = nullptr);
 
   cr_status_t prepare();
+  // For one that runs while another, prepared by the above, stands on a row.
+  cr_status_t prepare_beside();
   cr_status_t bind_poid(const char* poid);    // parameter 1
   cr_status_t bind_blob(const Blob& stored);  // parameter 2
 
@@ -41,44 +61,37 @@ class Statement {
   cr_status_t next_row();
   // Runs a statement that has no rows.
   cr_status_t finish();
-  // Back to before the first row; lets go of its texts.
-  void rewind() { sqlite3_reset(statement_.get()); }
 
   // Null unless the column holds a text without NUL bytes in it.
   const char* text(int column) const;
   Blob blob(int column) const;
 
-  // Returns the code that says something about the database: that of a failed preparation or step,
+  // Keeps a statement that has not failed, if it is to be kept, and finalizes any other. Returns
+  // the code that says something about the database: that of a failed preparation or step,
   // otherwise SQLITE_OK.
-  int finalize();
+  int release();
   // Takes over what another statement's code says about the database.
   void judge(int code) { judged_ = code; }
 
  private:
-  struct Finalize {
-    void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
-  };
-
   cr_status_t failed(int rc, const char* what, const char* subject) const;
   cr_status_t failed_step(int rc);
 
   sqlite3* const db_;
   const std::string& path_;
   const StatementTexts& texts_;
-  std::unique_ptr<sqlite3_stmt, Finalize> statement_;
+  StatementPtr* const kept_;
+  StatementPtr statement_;
   int judged_ = SQLITE_OK;
 };
 
 // A list's checksum does not cover whose list it is: a damaged index leads to a sound list of
-// another content. So a row that the index found is asked for its own POID, by this statement.
-constexpr StatementTexts owner_texts(const char* operation) {
-  return {operation,
-          "SELECT own.poid, own.udcids FROM utable AS led CROSS JOIN utable AS own "
-          "ON own.rowid = led.rowid WHERE led.poid = ?",
-          "prepare SQL", "step ", false};
+// another content. So the row to which the index led is asked for its own POID, by a statement that
+// follows the index likewise: to one POID, or to all in their order.
+constexpr StatementTexts owner_texts(const char* operation, const char* sql) {
+  return {operation, sql, "prepare SQL", "step ", false};
 }
 
-// Runs it. CR_STATUS_BAD_DATA, after a log line, when index and row contradict each other, or the
-// row does not hold the `list` (may be null) that a walk met under this POID: a damaged index may
-// have two rows under one. CR_STATUS_NOT_FOUND when the index does not know the POID.
-cr_status_t check_owner(Statement& owner, const char* poid, const Blob* list);
+// CR_STATUS_BAD_DATA, after a log line, when the row that such a statement stands on does not bear
+// the POID.
+cr_status_t check_owner(const Statement& owner, const char* poid);

@@ -36,6 +36,11 @@ struct TestDb : SQLiteULDB {
 std::string seen;
 cr_status_t see(const char* poid, UDCIDRecord*) { return seen += poid, seen == "ab" ? 5 : 0; }
 
+SQLiteULDB* writer;
+cr_status_t store_again_and_delete_c(const char* poid, UDCIDRecord* record) {
+  return seen += poid, writer->put(poid, record, nullptr) + writer->del("c");
+}
+
 cr_status_t put(SQLiteULDB& to, const char* poid) {
   std::uint64_t list[] = {100, (1ULL << 40) + 7, 4096, 1ULL << 33};
   UDCIDRecord record(2, reinterpret_cast<unsigned char*>(list));
@@ -122,6 +127,9 @@ TEST_F(Uldb, stores_lists_in_the_form_that_is_documented_and_hands_them_on_in_or
   for (const char* poid : {"c", "b", "a"}) EXPECT_EQ(put(db, poid), CR_STATUS_OK);
   seen.clear();
   EXPECT_EQ(db.get_all(see), 5) << "the second callback's answer, " << seen;
+  seen.clear(), writer = &db;
+  EXPECT_EQ(db.get_all(store_again_and_delete_c), CR_STATUS_OK);
+  EXPECT_EQ(seen, "ab") << "each once, though its row is another now";
 }
 
 TEST_F(Uldb, loses_a_damaged_list_that_is_asked_for_and_a_damaged_file_and_nothing_else) {
