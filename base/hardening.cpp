@@ -1,6 +1,7 @@
 #include <sqlite3.h>
 
 #include <algorithm>
+#include <limits>
 
 #include "base/hardening_internal.h"
 
@@ -19,6 +20,17 @@ constexpr Setting kSettings[] = {
 
 constexpr const char* kPragmas = "PRAGMA cell_size_check = ON; PRAGMA mmap_size = 0;";
 
+constexpr sqlite3_int64 kAnySize = std::numeric_limits<int>::max();
+
+// Of the open file, which is quicker to ask than one that a path leads to.
+sqlite3_int64 file_size(sqlite3* db) {
+  sqlite3_file* file = nullptr;
+  sqlite3_file_control(db, "main", SQLITE_FCNTL_FILE_POINTER, &file);
+  sqlite3_int64 size = kAnySize;
+  const bool is_open = file != nullptr && file->pMethods != nullptr;
+  return is_open && file->pMethods->xFileSize(file, &size) == SQLITE_OK ? size : kAnySize;
+}
+
 }  // namespace
 
 // A connection that misses one of these, as for want of memory, works all the same.
@@ -29,8 +41,12 @@ void harden(sqlite3* db) {
   sqlite3_exec(db, kPragmas, nullptr, nullptr, nullptr);
 }
 
-void limit_values(sqlite3* db, std::int64_t file_size) {
-  constexpr std::int64_t kHeldBack = 8 << 20;
-  const std::int64_t longest = std::min(file_size + kHeldBack, kAnySize);
+void limit_values(sqlite3* db) {
+  constexpr sqlite3_int64 kHeldBack = 8 << 20;
+  const sqlite3_int64 longest = std::min(file_size(db), kAnySize - kHeldBack) + kHeldBack;
   sqlite3_limit(db, SQLITE_LIMIT_LENGTH, static_cast<int>(longest));
+}
+
+void unlimit_values(sqlite3* db) {
+  sqlite3_limit(db, SQLITE_LIMIT_LENGTH, static_cast<int>(kAnySize));
 }

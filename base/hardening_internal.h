@@ -1,9 +1,6 @@
 // Connections to files that somebody else may have written.
 #pragma once
 
-#include <cstdint>
-#include <limits>
-
 struct sqlite3;
 
 // Lets the contents of a file do no more than hold rows: its views cannot be read, its triggers do
@@ -13,9 +10,9 @@ struct sqlite3;
 // the file.
 void harden(sqlite3* db);
 
-// Lets no value be longer than a file of this size can hold, and what SQLite holds back in a
-// transaction besides: a definition in a hostile file can make it compute more.
-void limit_values(sqlite3* db, std::int64_t file_size);
+// Lets no value be longer than the file of the connection can hold now, and what SQLite holds back
+// in a transaction besides: a definition in a hostile file can make it compute more.
+void limit_values(sqlite3* db);
 
-// The size of a file that is about to grow.
-constexpr std::int64_t kAnySize = std::numeric_limits<int>::max();
+// Ends that, for a file that is about to grow.
+void unlimit_values(sqlite3* db);

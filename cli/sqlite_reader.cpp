@@ -1,7 +1,5 @@
 #include "cli/sqlite_reader.h"
 
-#include <sys/stat.h>
-
 #include <cstddef>
 #include <limits>
 
@@ -17,11 +15,6 @@ namespace {
 constexpr int kBusyMilliseconds = 10000;
 constexpr std::size_t kPage = 512;
 
-std::int64_t size_of(const std::string& file) {
-  struct stat info {};
-  return stat(file.c_str(), &info) == 0 ? info.st_size : 0;
-}
-
 }  // namespace
 
 int Connection::open(const std::string& file) {
@@ -30,7 +23,9 @@ int Connection::open(const std::string& file) {
   db_.reset(opened);
   if (code != SQLITE_OK) return code;
   harden(opened);
-  limit_values(opened, size_of(file));
+  limit_values(opened);
+  // A reader leaves a write-ahead log to those who write it, and does not look for it.
+  sqlite3_db_config(opened, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
   return sqlite3_busy_timeout(opened, kBusyMilliseconds);
 }
 

@@ -67,8 +67,8 @@ cr_status_t SQLiteULDB::db_close() {
   return CR_STATUS_OK;
 }
 
-// A statement that is still in use, of a walk whose callback closes, keeps what it needs of the
-// connection until it is finalized.
+// A statement that is still in use, of a walk whose callback closes or finds the file gone, keeps
+// what it needs of the connection until it is finalized.
 void SQLiteULDB::close_handle() {
   *kept = {};
   sqlite3_close_v2(db);

@@ -30,17 +30,18 @@ struct sqlite3;
 // begin. A connection that was closed in mid-transaction is opened again with a new transaction,
 // without the rows from before.
 //
-// Failures are statuses; nothing is thrown but std::bad_alloc where a string is made, by the
-// constructor and by the operations that return one. What a callback throws becomes a status.
+// Failures are statuses; nothing is thrown but std::bad_alloc, by the constructor and by the
+// operations that return a string. What a callback throws becomes a status.
 //
 // The object owns its connection and closes it; an open transaction is lost then. It holds no lock
 // and is used by one thread at a time. Objects and processes meet through SQLite's locks, a busy
 // timeout of 10 seconds, and the 60 attempts, a second apart, of commit and rollback.
 class POCATALOG_API SQLiteULDB {
  public:
-  // Takes one row. Both arguments live for the call only; the record must not be freed. It may
-  // store and delete rows: of a walk, those behind its own take part, one that replaces its own
-  // does not. It must not close or drop the database.
+  // Takes one row. Both arguments live for the call only; the record must not be freed. The
+  // callback may read, store and delete rows through the same object; the writes of others wait for
+  // the end of a walk. A walk goes on to rows stored behind the current one, but not to one that
+  // replaces it. The callback must not close or drop the database.
   using Callback = cr_status_t (*)(const char* poid, UDCIDRecord* record);
 
   // `dir` is the catalog directory; `options` is kept and not used.
@@ -138,7 +139,7 @@ class POCATALOG_API SQLiteULDB {
   const std::string directory;
   const std::uint32_t option;
   const std::string dbfile_path;
-  sqlite3* db = nullptr;  // owned
+  sqlite3* db = nullptr;  // owned; db_close() closes it, with what is prepared on it
   bool transaction_active = false;
 
  private:

@@ -17,10 +17,7 @@ constexpr StatementTexts kWrite = {"put_imp", "INSERT OR REPLACE INTO utable VAL
                                    "prepare ", "step SQL ", true};
 constexpr StatementTexts kDelete = {"del_imp", "DELETE FROM utable WHERE poid = ?", "prepare ",
                                     "step SQL ", true};
-constexpr StatementTexts kOwner =
-    owner_texts("get_imp",
-                "SELECT own.poid FROM utable AS led LEFT JOIN utable AS own "
-                "ON own.rowid = led.rowid WHERE led.poid = ?");
+constexpr StatementTexts kOwner = owner_texts("get_imp");
 using RecordPtr = std::unique_ptr<UDCIDRecord>;
 
 // Runs `work` on a prepared statement. The error policy may drop the database, so the statement is
@@ -51,9 +48,7 @@ cr_status_t read_own_record(Statement& row, Statement owner, const char* poid, R
   cr_status_t status = read_record(row, poid, found);
   if (status != CR_STATUS_OK) return status;
   status = owner.prepare_beside();
-  if (status == CR_STATUS_OK) status = owner.bind_poid(poid);
-  if (status == CR_STATUS_OK) status = owner.next_row();
-  if (status == CR_STATUS_OK) status = check_owner(owner, poid);
+  if (status == CR_STATUS_OK) status = check_owner(owner, poid, nullptr);
   row.judge(owner.release());
   if (status == CR_STATUS_OK) return status;
   found.reset();

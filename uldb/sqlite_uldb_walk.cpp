@@ -14,87 +14,12 @@ namespace {
 constexpr StatementTexts kReadAll = {"get_all_imp", "SELECT * FROM utable ORDER BY poid ASC ",
                                      "prepare SQL", "step ", false};
 
-constexpr StatementTexts kOwners =
-    owner_texts("get_all_imp",
-                "SELECT own.poid FROM utable AS led LEFT JOIN utable AS own "
-                "ON own.rowid = led.rowid ORDER BY led.poid");
+constexpr StatementTexts kOwner = owner_texts("get_all_imp");
 
-// All rows in the order of the index, each asked whose it is.
-class Walk {
- public:
-  Walk(sqlite3* connection, const std::string& path)
-      : db_(connection), rows_(connection, path, kReadAll), owners_(connection, path, kOwners) {}
-
-  cr_status_t prepare();
-  // 0 for a row, CR_STATUS_NOT_FOUND when there is no further one.
-  cr_status_t next();
-  // Makes the record of the row, or tells why it is left out.
-  cr_status_t read(std::unique_ptr<UDCIDRecord>& record) const;
-  const char* poid() const { return rows_.text(0); }
-
- private:
-  cr_status_t remember();
-  cr_status_t step();
-  bool was_replaced() const;
-  cr_status_t decode_list(std::unique_ptr<UDCIDRecord>& record) const;
-  cr_status_t check_alone() const;
-
-  sqlite3* const db_;
-  Statement rows_;
-  Statement owners_;
-  std::optional<std::string> before_;  // the POID of the row before
-  int changes_ = 0;                    // by the connection, until that row was taken
-};
-
-cr_status_t Walk::prepare() {
-  const cr_status_t status = rows_.prepare();
-  return status == CR_STATUS_OK ? owners_.prepare_beside() : status;
-}
-
-cr_status_t Walk::next() {
-  cr_status_t status = remember();
-  do {
-    if (status == CR_STATUS_OK) status = step();
-  } while (status == CR_STATUS_OK && was_replaced());
-  changes_ = sqlite3_total_changes(db_);
-  return status;
-}
-
-// Both statements stand on one entry of the index, whatever a callback stores or deletes.
-cr_status_t Walk::step() {
-  cr_status_t status = rows_.next_row();
-  if (status != CR_STATUS_OK) return status;
-  status = owners_.next_row();
-  return status == CR_STATUS_NOT_FOUND ? CR_STATUS_CORRUPT : status;
-}
-
-// A callback that stores a new list for its POID puts another row behind the one it was given. It
-// would meet its own for ever.
-bool Walk::was_replaced() const {
-  const char* found = poid();
-  return sqlite3_total_changes(db_) != changes_ && found != nullptr && before_ == found;
-}
-
-cr_status_t Walk::remember() {
-  try {
-    const char* left = poid();
-    before_ = left != nullptr ? std::optional<std::string>(left) : std::nullopt;
-    return CR_STATUS_OK;
-  } catch (const std::bad_alloc&) {
-    return CR_STATUS_NO_MEMORY;
-  }
-}
-
-cr_status_t Walk::read(std::unique_ptr<UDCIDRecord>& record) const {
-  cr_status_t status = decode_list(record);
-  if (status == CR_STATUS_OK) status = check_owner(owners_, poid());
-  return status == CR_STATUS_OK ? check_alone() : status;
-}
-
-// What is not the text that a POID is, whole, cannot be asked for by it.
-cr_status_t Walk::decode_list(std::unique_ptr<UDCIDRecord>& record) const {
-  const char* poid = this->poid();
-  const Blob blob = rows_.blob(1);
+// One row of the walk. What is not the text that a POID is, whole, cannot be asked for by it.
+cr_status_t read_row(const Statement& row, std::unique_ptr<UDCIDRecord>& record) {
+  const char* poid = row.text(0);
+  const Blob blob = row.blob(1);
   if (poid == nullptr || blob.bytes == nullptr) {  // null for an empty one, too
     ErrorA(CR_STATUS_BAD_DATA, "UDCID list data of POID %s is corrupt.", poid ? poid : "(null)");
     return CR_STATUS_BAD_DATA;
@@ -109,11 +34,14 @@ cr_status_t Walk::decode_list(std::unique_ptr<UDCIDRecord>& record) const {
   return status;
 }
 
-// In a damaged database two rows may bear one POID. The first is the one that `get` finds.
-cr_status_t Walk::check_alone() const {
-  if (before_ != poid()) return CR_STATUS_OK;
-  ErrorA(CR_STATUS_BAD_DATA, "UDCID list data of POID %s is there twice.", poid());
-  return CR_STATUS_BAD_DATA;
+// 0 and the row's status, or why that cannot be told. A name that the index does not know, though
+// the walk follows it, is not the one under which the list was stored.
+cr_status_t check_walked(Statement& owner, const Statement& row, cr_status_t& status) {
+  const Blob list = row.blob(1);
+  const cr_status_t owned = check_owner(owner, row.text(0), &list);
+  const bool contradicts = owned == CR_STATUS_BAD_DATA || owned == CR_STATUS_NOT_FOUND;
+  status = contradicts ? CR_STATUS_BAD_DATA : CR_STATUS_OK;
+  return contradicts ? CR_STATUS_OK : owned;
 }
 
 // Of the exception that is being handled.
@@ -129,7 +57,8 @@ cr_status_t caught_status() {
   }
 }
 
-cr_status_t call(SQLiteULDB::Callback cb, const char* poid, UDCIDRecord* record) {
+template <typename Callback>
+cr_status_t call(Callback cb, const char* poid, UDCIDRecord* record) {
   try {
     return cb(poid, record);
   } catch (...) {
@@ -151,15 +80,27 @@ cr_status_t SQLiteULDB::get_all(Callback cb) {
   if (cb == nullptr) return CR_STATUS_BAD_ARG;
   const cr_status_t opened = check_db_existence(true);
   if (opened != CR_STATUS_OK) return opened;
-  Walk walk(db, dbfile_path);
-  cr_status_t next = walk.prepare();
+  Statement rows(db, dbfile_path, kReadAll);
+  Statement owner(db, dbfile_path, kOwner);
+  cr_status_t next = rows.prepare();
+  if (next == CR_STATUS_OK) next = owner.prepare_beside();
+  if (next != CR_STATUS_OK) return next;
   // A good row after a damaged one clears the status, intended.
-  cr_status_t status = next;
-  while (next == CR_STATUS_OK && (next = walk.next()) == CR_STATUS_OK) {
+  cr_status_t status = CR_STATUS_OK;
+  // A callback that stores a list for its own POID puts another row behind the one that it was
+  // given: it would meet its own for ever.
+  std::optional<std::string> last;
+  const auto hand_on = [&](const char* poid, UDCIDRecord* record) {
+    last = poid;  // here, because it may throw
+    return cb(poid, record);
+  };
+  while ((next = rows.next_row()) == CR_STATUS_OK) {
     std::unique_ptr<UDCIDRecord> record;
-    status = walk.read(record);
-    if (status != CR_STATUS_OK) continue;
-    status = call(cb, walk.poid(), record.get());
+    status = read_row(rows, record);
+    if (status == CR_STATUS_OK) next = check_walked(owner, rows, status);
+    if (next != CR_STATUS_OK) return next;
+    if (status != CR_STATUS_OK || last == rows.text(0)) continue;
+    status = call(hand_on, rows.text(0), record.get());
     if (status != CR_STATUS_OK) return status;
   }
   return next == CR_STATUS_NOT_FOUND ? status : next;

@@ -1,6 +1,5 @@
 #include "uldb/statement_internal.h"
 
-#include <cstdint>
 #include <cstring>
 #include <new>
 #include <utility>
@@ -10,18 +9,6 @@
 #include "host/log.h"
 #include "sqlitedb/durable_internal.h"
 #include "uldb/sqlite_uldb_internal.h"
-
-namespace {
-
-std::int64_t file_size(sqlite3* db) {
-  sqlite3_file* file = nullptr;
-  sqlite3_file_control(db, "main", SQLITE_FCNTL_FILE_POINTER, &file);
-  sqlite3_int64 size = kAnySize;
-  const bool open = file != nullptr && file->pMethods != nullptr;
-  return open && file->pMethods->xFileSize(file, &size) == SQLITE_OK ? size : kAnySize;
-}
-
-}  // namespace
 
 cr_status_t decode(const Blob& blob, std::unique_ptr<UDCIDRecord>& record) {
   record.reset(new (std::nothrow) UDCIDRecord);
@@ -38,15 +25,20 @@ Statement::Statement(sqlite3* connection, const std::string& path, const Stateme
     : db_(connection), path_(path), texts_(texts), kept_(kept) {}
 
 cr_status_t Statement::prepare() {
-  limit_values(db_, texts_.writes ? kAnySize : file_size(db_));
-  if (texts_.writes) judged_ = sqlitedb::make_commits_durable(db_, nullptr);
+  if (texts_.writes) {
+    unlimit_values(db_);
+    judged_ = sqlitedb::make_commits_durable(db_, nullptr);
+  } else {
+    limit_values(db_);
+  }
   return prepare_beside();
 }
 
-// A kept statement follows changes of the schema by itself, as one does that was just prepared with
-// what the connection remembers of it.
+// SQLite prepares a kept statement anew when the schema has changed.
 cr_status_t Statement::prepare_beside() {
-  if (kept_ != nullptr) statement_ = std::move(*kept_);
+  const bool is_kept = kept_ != nullptr && *kept_ != nullptr;
+  // Not of a connection that a subclass has closed by itself.
+  if (is_kept && sqlite3_db_handle(kept_->get()) == db_) statement_ = std::move(*kept_);
   if (judged_ == SQLITE_OK && statement_ == nullptr) {
     sqlite3_stmt* made = nullptr;
     judged_ = sqlite3_prepare_v3(db_, texts_.sql, -1, SQLITE_PREPARE_PERSISTENT, &made, nullptr);
@@ -68,6 +60,11 @@ cr_status_t Statement::bind_blob(const Blob& stored) {
   ErrorA(failure_status(rc), "%s: DB[%s] failed to bind blob (%s).", texts_.operation,
          path_.c_str(), sqlite3_errstr(rc));
   return failure_status(rc);
+}
+
+cr_status_t Statement::bind_choice(bool choice) {
+  const int rc = sqlite3_bind_int(statement_.get(), 2, choice ? 1 : 0);
+  return rc == SQLITE_OK ? CR_STATUS_OK : failed(rc, "bind a choice ", texts_.sql);
 }
 
 cr_status_t Statement::next_row() {
@@ -106,6 +103,7 @@ Blob Statement::blob(int column) const {
   return {static_cast<const unsigned char*>(bytes), static_cast<unsigned int>(size)};
 }
 
+// After a failed preparation there is none.
 int Statement::release() {
   if (kept_ != nullptr && judged_ == SQLITE_OK) {
     sqlite3_reset(statement_.get());
@@ -116,10 +114,27 @@ int Statement::release() {
   return judged_;
 }
 
-cr_status_t check_owner(const Statement& owner, const char* poid) {
+namespace {
+
+// The first holds a list, so it is not empty.
+bool equal(const Blob& a, const Blob& b) {
+  return a.size == b.size && std::memcmp(a.bytes, b.bytes, a.size) == 0;
+}
+
+}  // namespace
+
+cr_status_t check_owner(Statement& owner, const char* poid, const Blob* list) {
+  owner.rewind();
+  cr_status_t status = owner.bind_poid(poid);
+  if (status == CR_STATUS_OK) status = owner.bind_choice(list != nullptr);
+  if (status == CR_STATUS_OK) status = owner.next_row();
+  if (status != CR_STATUS_OK) return status;
   const char* name = owner.text(0);
-  if (name != nullptr && std::strcmp(name, poid) == 0) return CR_STATUS_OK;
-  ErrorA(CR_STATUS_BAD_DATA, "The index of UDCID lists leads POID %s to the row of %s", poid,
-         name != nullptr ? name : "(null)");
-  return CR_STATUS_BAD_DATA;
+  const bool owns = name != nullptr && std::strcmp(name, poid) == 0;
+  if (!owns || (list != nullptr && !equal(*list, owner.blob(1)))) {
+    status = CR_STATUS_BAD_DATA;
+    ErrorA(status, "The index of UDCID lists leads POID %s to the row of %s", poid,
+           name != nullptr ? name : "(null)");
+  }
+  return status;
 }

@@ -32,8 +32,8 @@ struct FinalizeStatement {
 };
 using StatementPtr = std::unique_ptr<sqlite3_stmt, FinalizeStatement>;
 
-// What the connection has prepared for single rows, from one call to the next. They go before it
-// closes, and after a failure.
+// Prepared statements for single rows, from one call to the next. Null while in use, so that a
+// nested call prepares its own. Finalized before the connection closes.
 struct SQLiteULDB::KeptStatements {
   StatementPtr read;
   StatementPtr owner;
@@ -52,15 +52,18 @@ class Statement {
             StatementPtr* kept = nullptr);
 
   cr_status_t prepare();
-  // For one that runs while another, prepared by the above, stands on a row.
+  // Without the connection's settings: the statement whose row is being read has made them.
   cr_status_t prepare_beside();
   cr_status_t bind_poid(const char* poid);    // parameter 1
   cr_status_t bind_blob(const Blob& stored);  // parameter 2
+  cr_status_t bind_choice(bool choice);       // parameter 2
 
   // 0 for a row, CR_STATUS_NOT_FOUND when there is no further one.
   cr_status_t next_row();
   // Runs a statement that has no rows.
   cr_status_t finish();
+  // Back to before the first row; lets go of its texts.
+  void rewind() { sqlite3_reset(statement_.get()); }
 
   // Null unless the column holds a text without NUL bytes in it.
   const char* text(int column) const;
@@ -86,12 +89,17 @@ class Statement {
 };
 
 // A list's checksum does not cover whose list it is: a damaged index leads to a sound list of
-// another content. So the row to which the index led is asked for its own POID, by a statement that
-// follows the index likewise: to one POID, or to all in their order.
-constexpr StatementTexts owner_texts(const char* operation, const char* sql) {
-  return {operation, sql, "prepare SQL", "step ", false};
+// another content. So a row that the index found is asked for its own POID, by this statement. It
+// always names `udcids`: SQLite may answer from an index alone that has every column named, and the
+// index would vouch for itself.
+constexpr StatementTexts owner_texts(const char* operation) {
+  return {operation,
+          "SELECT own.poid, CASE WHEN ?2 THEN own.udcids END FROM utable AS own "
+          "WHERE own.rowid = (SELECT led.rowid FROM utable AS led WHERE led.poid = ?1)",
+          "prepare SQL", "step ", false};
 }
 
-// CR_STATUS_BAD_DATA, after a log line, when the row that such a statement stands on does not bear
-// the POID.
-cr_status_t check_owner(const Statement& owner, const char* poid);
+// Runs it. CR_STATUS_BAD_DATA, after a log line, when index and row contradict each other, or the
+// row does not hold the `list` (may be null) that a walk met under this POID: a damaged index may
+// have two rows under one. CR_STATUS_NOT_FOUND when the index does not know the POID.
+cr_status_t check_owner(Statement& owner, const char* poid, const Blob* list);

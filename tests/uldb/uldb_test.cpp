@@ -38,7 +38,7 @@ cr_status_t see(const char* poid, UDCIDRecord*) { return seen += poid, seen == "
 
 SQLiteULDB* writer;
 cr_status_t store_again_and_delete_c(const char* poid, UDCIDRecord* record) {
-  return seen += poid, writer->put(poid, record, nullptr) + writer->del("c");
+  return seen += poid, seen.size() > 2 ? 5 : writer->put(poid, record, nullptr) + writer->del("c");
 }
 
 cr_status_t put(SQLiteULDB& to, const char* poid) {
@@ -154,7 +154,7 @@ TEST_F(Uldb, loses_a_damaged_list_that_is_asked_for_and_a_damaged_file_and_nothi
     EXPECT_EQ(seen, damage.left == 1 || damage.left == 2 ? "a" : "");
     EXPECT_EQ(get(db, "b"), damage.get);
     EXPECT_EQ(rows(db), damage.left);
-    db.db_close(), fs::remove(file);
+    EXPECT_EQ((db.db_close(), fs::remove(file), sqlite3_memory_used()), 0);
   }
   log.expect_error(32, "get_all_imp: UDCID list data of POID b is corrupt.");
   log.expect_error(
