@@ -6,6 +6,8 @@
 #include <cstddef>
 #include <cstring>
 
+#include "base/honest_vfs_internal.h"
+
 namespace cli {
 namespace {
 
@@ -17,18 +19,18 @@ bool is_plain(const char* path) {
 int take_plain_path(sqlite3_vfs*, const char* path, int size, char* out) {
   const std::size_t needed = std::strlen(path) + 1;
   if (static_cast<std::size_t>(size) < needed || !is_plain(path)) {
-    sqlite3_vfs* const usual = sqlite3_vfs_find(nullptr);
+    sqlite3_vfs* const usual = sqlite3_vfs_find(base::honest_vfs());
     return usual->xFullPathname(usual, path, size, out);
   }
   std::memcpy(out, path, needed);
   return SQLITE_OK;
 }
 
-// All but the paths is the usual one's. Lives as long as the process, as SQLite wants it.
+// All but the paths is the library's. Lives as long as the process, as SQLite wants it.
 class PlainPaths {
  public:
   PlainPaths() {
-    const sqlite3_vfs* const usual = sqlite3_vfs_find(nullptr);
+    const sqlite3_vfs* const usual = sqlite3_vfs_find(base::honest_vfs());
     if (usual == nullptr) return;
     vfs_ = *usual;
     vfs_.pNext = nullptr;

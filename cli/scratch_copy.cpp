@@ -8,6 +8,7 @@
 #include <system_error>
 
 #include "base/hardening_internal.h"
+#include "base/honest_vfs_internal.h"
 #include "cli/catalog.h"
 #include "cli/sqlite_reader.h"
 
@@ -44,7 +45,8 @@ cr_status_t ScratchCopy::make(const std::string& database) {
   int code = source.open(database);
   if (code != SQLITE_OK) return status_of_sqlite(code);
   sqlite3* opened = nullptr;
-  code = sqlite3_open(file().c_str(), &opened);
+  constexpr int kFlags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
+  code = sqlite3_open_v2(file().c_str(), &opened, kFlags, base::honest_vfs());
   const Target target(opened);
   if (code == SQLITE_OK) harden(opened);
   if (code == SQLITE_OK) code = copy_pages(source.handle(), target.get());

@@ -4,7 +4,6 @@
 #include <limits>
 
 #include "base/hardening_internal.h"
-#include "base/sqlite_codes_internal.h"
 #include "cli/catalog.h"
 #include "cli/plain_path_vfs.h"
 #include "sqlitedb/sqlite_wrapper.h"
@@ -40,9 +39,8 @@ bool Connection::has_moved() const {
 ReadTransaction::ReadTransaction(const Connection& connection)
     : connection_(connection), code_(SQLITE_BUSY) {
   if (connection.has_moved()) return;
-  code_ = without_false_damage(
-      connection.handle(),
-      sqlite3_exec(connection.handle(), "BEGIN; PRAGMA schema_version", nullptr, nullptr, nullptr));
+  code_ =
+      sqlite3_exec(connection.handle(), "BEGIN; PRAGMA schema_version", nullptr, nullptr, nullptr);
 }
 
 ReadTransaction::~ReadTransaction() {
@@ -68,12 +66,12 @@ void Statement::bind(int parameter, const std::string& text) {
 }
 
 int Statement::step() {
-  if (compiled_ != SQLITE_OK) return without_false_damage(connection_.handle(), compiled_);
+  if (compiled_ != SQLITE_OK) return compiled_;
   const bool takes_lock = !running_ && sqlite3_get_autocommit(connection_.handle()) != 0;
   if (takes_lock && connection_.has_moved()) return SQLITE_BUSY;
   const int code = sqlite3_step(statement_.get());
   running_ = code == SQLITE_ROW;
-  return without_false_damage(connection_.handle(), code);
+  return code;
 }
 
 void Statement::reset() {

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include "base/hardening_internal.h"
+#include "base/honest_vfs_internal.h"
 #include "host/files.h"
 #include "sqlitedb/open_internal.h"
 
@@ -23,7 +24,8 @@ bool is_needlessly_read_only(const std::string& file, sqlite3* db) {
 
 int open_hardened(const std::string& file, sqlite3** db) {
   if (is_irregular(file)) return SQLITE_CANTOPEN;
-  int rc = sqlite3_open(file.c_str(), db);
+  constexpr int kFlags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
+  int rc = sqlite3_open_v2(file.c_str(), db, kFlags, base::honest_vfs());
   if (rc == SQLITE_OK && is_needlessly_read_only(file, *db)) {
     sqlite3_close(*db);
     *db = nullptr;

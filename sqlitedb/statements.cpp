@@ -6,7 +6,6 @@
 #include <exception>
 #include <memory>
 
-#include "base/sqlite_codes_internal.h"
 #include "host/log.h"
 #include "sqlitedb/failure_internal.h"
 #include "sqlitedb/sql_file_internal.h"
@@ -77,7 +76,7 @@ int sqlite3_wrapper::run_statements(const std::string& sql, void* arg, std::stri
   if (rc == SQLITE_OK) rc = sqlite3_exec(db, sql.c_str(), exec_callback, &context, &text);
   error = error_text(SQLiteText(text));
   if (context.thrown) std::rethrow_exception(context.thrown);
-  return without_false_damage(db, rc);
+  return rc;
 }
 
 cr_status_t sqlite3_wrapper::on_statement_error(int code, const std::string& shown,

@@ -3,7 +3,6 @@
 
 #include <sqlite3.h>
 
-#include "base/sqlite_codes_internal.h"
 #include "host/files.h"
 #include "host/log.h"
 #include "sqlitedb/durable_internal.h"
@@ -134,7 +133,6 @@ int SQLiteULDB::run_sql(const char* operation, const char* sql) {
   if (rc == SQLITE_OK) rc = sqlite3_exec(db, sql, nullptr, nullptr, &text);
   const std::unique_ptr<char, FreeBySQLite> error(text);
   if (rc == SQLITE_OK) return rc;
-  rc = without_false_damage(db, rc);
   ErrorA(failure_status(rc), "%s: %s: failed to execute \"%s\", (%s)", operation,
          dbfile_path.c_str(), sql, error ? error.get() : "null");
   return rc;

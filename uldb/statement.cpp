@@ -5,7 +5,6 @@
 #include <utility>
 
 #include "base/hardening_internal.h"
-#include "base/sqlite_codes_internal.h"
 #include "host/log.h"
 #include "sqlitedb/durable_internal.h"
 #include "uldb/sqlite_uldb_internal.h"
@@ -44,7 +43,6 @@ cr_status_t Statement::prepare_beside() {
     judged_ = sqlite3_prepare_v3(db_, texts_.sql, -1, SQLITE_PREPARE_PERSISTENT, &made, nullptr);
     statement_.reset(made);
   }
-  judged_ = without_false_damage(db_, judged_);
   return judged_ == SQLITE_OK ? CR_STATUS_OK : failed(judged_, texts_.prepare, texts_.sql);
 }
 
@@ -79,7 +77,7 @@ cr_status_t Statement::finish() {
 }
 
 cr_status_t Statement::failed_step(int rc) {
-  judged_ = without_false_damage(db_, rc);
+  judged_ = rc;
   return failed(judged_, texts_.step, texts_.sql);
 }
 
