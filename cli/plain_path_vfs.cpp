@@ -39,7 +39,7 @@ class PlainPaths {
     registered_ = sqlite3_vfs_register(&vfs_, 0) == SQLITE_OK;
   }
 
-  const char* name() const { return registered_ ? kName : nullptr; }
+  const char* name() const { return registered_ ? kName : base::honest_vfs(); }
 
  private:
   static constexpr const char* kName = "pocatalog-plain-path";

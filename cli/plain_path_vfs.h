@@ -9,7 +9,7 @@ namespace cli {
 // beside what it leads to; those above lead to the same journal either way, and the paths of a
 // catalog have none: its root is given without links, and none below it is followed.
 //
-// Otherwise the library's (base/honest_vfs_internal.h). Null, for the usual one, when it cannot be
+// Otherwise the library's (base/honest_vfs_internal.h), whose name it is when this one cannot be
 // had. From any thread.
 const char* plain_path_vfs();
 

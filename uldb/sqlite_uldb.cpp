@@ -70,6 +70,7 @@ cr_status_t SQLiteULDB::db_close() {
 // what it needs of the connection until it is finalized.
 void SQLiteULDB::close_handle() {
   *kept = {};
+  begun = false;
   sqlite3_close_v2(db);
   db = nullptr;
 }

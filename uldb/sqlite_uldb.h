@@ -27,8 +27,9 @@ struct sqlite3;
 // Transactions do not nest. A database that is dropped or vanishes in mid-transaction takes the
 // transaction's rows with it, and what is put afterwards is stored at once: commit and rollback
 // then fail, the transaction still counts as active, and the work is to be done again from a new
-// begin. A connection that was closed in mid-transaction is opened again with a new transaction,
-// without the rows from before.
+// begin. A transaction that SQLite has undone by itself, as after an I/O error, refuses put and del
+// with CR_STATUS_FAILED until a begin or a rollback. A connection that was closed in
+// mid-transaction is opened again with a new transaction, without the rows from before.
 //
 // Failures are statuses; nothing is thrown but std::bad_alloc, by the constructor and by the
 // operations that return a string. What a callback throws becomes a status.
@@ -155,9 +156,11 @@ class POCATALOG_API SQLiteULDB {
   cr_status_t end_transaction(const char* verb, const char* sql);
   void log_transaction(const char* verb, cr_status_t status);
   void close_handle();
+  cr_status_t check_transaction(const char* operation) const;
   int run_sql(const char* operation, const char* sql);
   bool recovered();
 
   const std::unique_ptr<KeptStatements> kept;
+  bool begun = false;       // the active transaction, on this connection
   bool recovering = false;  // a recovery that fails on its way does not start another
 };

@@ -69,6 +69,9 @@ extern "C" {
 int stat(const char* path, struct stat* out) noexcept {
   return call({Fault::IoError}, SYS_newfstatat, AT_FDCWD, path, out, 0);
 }
+int stat64(const char* path, struct stat64* out) noexcept {
+  return call({Fault::FailedLook}, SYS_newfstatat, AT_FDCWD, path, out, 0);
+}
 int fstat64(int file, struct stat64* out) noexcept {
   return call({Fault::IoError}, SYS_fstat, file, out);
 }

@@ -8,6 +8,7 @@ enum class Fault {
   IoError,   // a write that fails has written its first half
   DiskFull,  // likewise
   ShortRead,
+  FailedLook,  // SQLite's own, for journals and for whether its file has moved
   CannotOpen,
   FailedSync,
   FailedDelete,

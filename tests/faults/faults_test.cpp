@@ -36,6 +36,7 @@ const std::vector<Kind> kOfTheDisk = {
     {Fault::IoError, "I/O error", {CR_STATUS_IO_ERROR, CR_STATUS_BAD_DATA}},
     {Fault::DiskFull, "full disk", {CR_STATUS_FAILED}},
     {Fault::ShortRead, "short read", {}},
+    {Fault::FailedLook, "failed look", {CR_STATUS_IO_ERROR, CR_STATUS_CORRUPT, CR_STATUS_FAILED}},
     {Fault::CannotOpen, "cannot open", {CR_STATUS_FAILED}},
     {Fault::FailedSync, "failed sync", {CR_STATUS_IO_ERROR}},
     {Fault::FailedDelete, "failed delete", {CR_STATUS_IO_ERROR}},

@@ -235,6 +235,15 @@ UPDATE sqlite_schema AS s SET rootpage = (SELECT rootpage FROM sqlite_schema WHE
   log.clear();
 }
 
+TEST_F(Uldb, stores_nothing_of_a_transaction_that_sqlite_has_undone) {
+  EXPECT_EQ(db.begin_transaction() + put(db, "a") + db.db_exec("ROLLBACK"), CR_STATUS_OK);
+  EXPECT_EQ(put(db, "b") + db.del("b") + db.commit_transaction(), 3 * CR_STATUS_FAILED);
+  EXPECT_EQ(rows(db), 0U);
+  EXPECT_EQ(db.begin_transaction() + put(db, "a") + db.commit_transaction(), CR_STATUS_OK);
+  log.expect_error(4, "put_imp: the transaction of " + file + " was lost, begin it again");
+  log.clear();
+}
+
 TEST_F(Uldb, tries_again_after_a_recovery_that_succeeded) {
   const auto put_other = [&] { return put(db, "b"); };
   using Case = std::tuple<std::function<cr_status_t()>, cr_status_t, const char*>;
