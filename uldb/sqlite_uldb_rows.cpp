@@ -133,8 +133,8 @@ cr_status_t SQLiteULDB::put_imp(const char* poid, UDCIDRecord* rec, bool& retry)
   const cr_status_t opened = check_db_existence(true);
   if (opened != CR_STATUS_OK) return opened;
   if (poid == nullptr || rec == nullptr) return CR_STATUS_BAD_ARG;
-  const cr_status_t begun_still = check_transaction(kWrite.operation);
-  if (begun_still != CR_STATUS_OK) return begun_still;
+  const cr_status_t intact = check_transaction(kWrite.operation);
+  if (intact != CR_STATUS_OK) return intact;
   Serialized record;
   const cr_status_t serialized = serialize(poid, *rec, record);
   if (serialized != CR_STATUS_OK) return serialized;
@@ -154,8 +154,8 @@ cr_status_t SQLiteULDB::del_imp(const char* poid, bool& retry) {
   const cr_status_t opened = check_db_existence(true);
   if (opened != CR_STATUS_OK) return opened;
   if (poid == nullptr) return CR_STATUS_BAD_ARG;
-  const cr_status_t begun_still = check_transaction(kDelete.operation);
-  if (begun_still != CR_STATUS_OK) return begun_still;
+  const cr_status_t intact = check_transaction(kDelete.operation);
+  if (intact != CR_STATUS_OK) return intact;
   Statement statement(db, dbfile_path, kDelete, &kept->deletion);
   return run(*this, std::move(statement), retry, [&](Statement& deletion) {
     const cr_status_t status = deletion.bind_poid(poid);
