@@ -84,8 +84,12 @@ cr_status_t SQLiteULDB::db_checkopen() {
   if (db != nullptr) return CR_STATUS_OK;
   const cr_status_t status = db_open();
   if (status != CR_STATUS_OK) return status;
-  // The begin finds an open connection, so it does not come back here.
-  return transaction_active ? begin_transaction() : CR_STATUS_OK;
+  if (!transaction_active) return CR_STATUS_OK;
+  // The begin finds an open connection, so it does not come back here. Without it nothing may be
+  // stored: the next operation opens again.
+  const cr_status_t begun_again = begin_transaction();
+  if (begun_again != CR_STATUS_OK) db_close();
+  return begun_again;
 }
 
 cr_status_t SQLiteULDB::check_db_existence(bool) {

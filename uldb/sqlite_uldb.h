@@ -55,7 +55,7 @@ class POCATALOG_API SQLiteULDB {
   virtual cr_status_t begin_transaction();
   // Fails with CR_STATUS_FAILED when SQLite has no transaction open.
   virtual cr_status_t commit_transaction();
-  // 0 when no transaction is active; otherwise as commit.
+  // 0 when no transaction is active, or SQLite has undone it; otherwise as commit.
   virtual cr_status_t rollback_transaction();
   // True between a successful begin and a successful commit or rollback.
   virtual bool is_transaction_active() const;
@@ -156,6 +156,7 @@ class POCATALOG_API SQLiteULDB {
   cr_status_t end_transaction(const char* verb, const char* sql);
   void log_transaction(const char* verb, cr_status_t status);
   void close_handle();
+  bool transaction_undone() const;
   cr_status_t check_transaction(const char* operation) const;
   int run_sql(const char* operation, const char* sql);
   bool recovered();

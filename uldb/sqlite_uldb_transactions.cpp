@@ -22,11 +22,12 @@ cr_status_t SQLiteULDB::commit_transaction() {
 cr_status_t SQLiteULDB::rollback_transaction() {
   const cr_status_t opened = check_db_existence(true);
   if (opened != CR_STATUS_OK) return opened;
-  if (transaction_active) {
-    const cr_status_t status = end_transaction("rollback", "ROLLBACK TRANSACTION");
-    begun = false;  // also one that SQLite has undone before
-    return status;
+  if (transaction_undone()) {  // which is all that was wanted
+    transaction_active = begun = false;
+    log_transaction("rollback", CR_STATUS_OK);
+    return CR_STATUS_OK;
   }
+  if (transaction_active) return end_transaction("rollback", "ROLLBACK TRANSACTION");
   InfoA(CR_STATUS_OK, "%s: DB[%s] transaction is not active, skipped rollback operation.",
         "rollback_transaction", dbfile_path.c_str());
   return CR_STATUS_OK;
@@ -44,9 +45,12 @@ void SQLiteULDB::log_transaction(const char* verb, cr_status_t status) {
         CRStatusToStringA(status));
 }
 
+// By SQLite, as after an I/O error.
+bool SQLiteULDB::transaction_undone() const { return begun && sqlite3_get_autocommit(db) != 0; }
+
 // What comes after a part that is lost must not be stored by itself.
 cr_status_t SQLiteULDB::check_transaction(const char* operation) const {
-  if (!begun || sqlite3_get_autocommit(db) == 0) return CR_STATUS_OK;
+  if (!transaction_undone()) return CR_STATUS_OK;
   ErrorA(CR_STATUS_FAILED, "%s: the transaction of %s was lost, begin it again", operation,
          dbfile_path.c_str());
   return CR_STATUS_FAILED;

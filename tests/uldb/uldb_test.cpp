@@ -239,7 +239,8 @@ TEST_F(Uldb, stores_nothing_of_a_transaction_that_sqlite_has_undone) {
   EXPECT_EQ(db.begin_transaction() + put(db, "a") + db.db_exec("ROLLBACK"), CR_STATUS_OK);
   EXPECT_EQ(put(db, "b") + db.del("b") + db.commit_transaction(), 3 * CR_STATUS_FAILED);
   EXPECT_EQ(rows(db), 0U);
-  EXPECT_EQ(db.begin_transaction() + put(db, "a") + db.commit_transaction(), CR_STATUS_OK);
+  EXPECT_EQ(db.rollback_transaction() + put(db, "c") + db.db_close() + get(db, "c"), CR_STATUS_OK);
+  EXPECT_FALSE(db.is_transaction_active());
   log.expect_error(4, "put_imp: the transaction of " + file + " was lost, begin it again");
   log.clear();
 }
